@@ -1,0 +1,117 @@
+// The operation frame: how every operation records its caller, traces, fails
+// and returns.
+//
+// Each public operation records the calling process and kernel thread, writes
+// an entry trace line when tracing is on, and ends in _Return, which detaches
+// the two per-call segments (Queues, PRLs) unless the call is nested inside
+// another operation of the same object. Internal failures go through _Failed,
+// which releases both locks on the spot, so that no failure path can leave
+// the Controls lock held. Everything here works on the object's own members
+// (one object is used by one thread at a time) and takes no lock.
+#include <sys/shm.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+
+#include "Internal.h"
+#include "WorkMessages.h"
+
+namespace {
+const char kTag[] = "QV_wm";
+const bool UseSyslog = true;
+} // namespace
+
+void CWorkMessages::_RecordCaller() {
+    callerPID = getpid();
+    callerTID = qvwm::KernelTid();
+}
+
+void CWorkMessages::_TraceEntry(const char* szName) {
+    if (!bTrace) return;
+    snprintf(szTrace, sizeof(szTrace), "%s entered by pid/tid %ld/%ld(%.8lX). bInternalCall=%s",
+             szName, static_cast<long>(callerPID), static_cast<long>(callerTID), qvwm::Addr(pMe),
+             qvwm::TF(bInternalCall));
+    Log2cerr(szTrace, kTag, UseSyslog);
+}
+
+void CWorkMessages::_Trace(const char* szFormat, ...) {
+    if (!bTrace) return;
+    va_list ap;
+    va_start(ap, szFormat);
+    vsnprintf(szTrace, sizeof(szTrace), szFormat, ap);
+    va_end(ap);
+    Log2cerr(szTrace, kTag, UseSyslog);
+}
+
+void CWorkMessages::_Log(const char* szFormat, ...) {
+    va_list ap;
+    va_start(ap, szFormat);
+    vsnprintf(szTrace, sizeof(szTrace), szFormat, ap);
+    va_end(ap);
+    Log2cerr(szTrace, kTag, UseSyslog);
+}
+
+void CWorkMessages::_Failed(long nErrorCode, const char* szMsgSeg, int nErrNo) {
+    const int nSavedErrno = errno; // before anything below can change it
+    // The segment may live in szTempBuff or szErrorMsg; copy it before either
+    // is written again.
+    char szSeg[sizeof(szTempBuff)];
+    snprintf(szSeg, sizeof(szSeg), "%s", szMsgSeg ? szMsgSeg : "");
+
+    _Unlock();
+    nLastError = nErrorCode;
+
+    const int nErr = nErrNo > 0 ? nErrNo : nSavedErrno;
+    char szDesc[256];
+    const char* pDesc = strerror_r(nErr, szDesc, sizeof(szDesc)); // GNU: thread-safe text
+    // glibc describes unknown numbers as "Unknown error N": that is no
+    // description.
+    if (pDesc == nullptr || *pDesc == '\0' || strncmp(pDesc, "Unknown error", 13) == 0)
+        pDesc = "No description found";
+    snprintf(szErrorMsg, sizeof(szErrorMsg), "WorkMsg object: %s\nReason(%d): %s\n", szSeg, nErr,
+             pDesc);
+    if (bTrace) Log2cerr(szErrorMsg, kTag, UseSyslog);
+}
+
+void CWorkMessages::_Failedf(long nErrorCode, int nErrNo, const char* szFormat, ...) {
+    const int nSavedErrno = errno;
+    va_list ap;
+    va_start(ap, szFormat);
+    vsnprintf(szTempBuff, sizeof(szTempBuff), szFormat, ap);
+    va_end(ap);
+    errno = nSavedErrno;
+    _Failed(nErrorCode, szTempBuff, nErrNo);
+}
+
+long CWorkMessages::_Return(long nCode) {
+    if (!bInternalCall) {
+        if (qvwm::Attached(pWQCF)) shmdt(pWQCF);
+        if (qvwm::Attached(pPRLL)) shmdt(pPRLL);
+        pWQCF = nullptr;
+        pPRLL = nullptr;
+    }
+    return nCode;
+}
+
+std::string CWorkMessages::_ProcessName(long nUID) {
+    const bool bSaved = bInternalCall;
+    bInternalCall = true;
+    char* pName = GetUID(nUID, nullptr);
+    bInternalCall = bSaved;
+    // A code instead of a name: the UID has no entry in the process table.
+    // Show the number so the line (or file name) still says who it was.
+    if (reinterpret_cast<intptr_t>(pName) < 0 && reinterpret_cast<intptr_t>(pName) >= M_NAME)
+        return "UID" + std::to_string(nUID);
+    return std::string(pName);
+}
+
+std::string CWorkMessages::_TypeName(long nMsgNo) {
+    const bool bSaved = bInternalCall;
+    bInternalCall = true;
+    char* pName = Translate(nMsgNo, nullptr);
+    bInternalCall = bSaved;
+    if (reinterpret_cast<intptr_t>(pName) < 0 && reinterpret_cast<intptr_t>(pName) >= M_NAME)
+        return "TYPE" + std::to_string(nMsgNo);
+    return std::string(pName);
+}

@@ -1,0 +1,76 @@
+// Small helpers shared by the library's files: kernel thread IDs, the
+// file-creation mask, scope guards, attachment tests and address printing.
+#ifndef QV_WM_INTERNAL_H
+#define QV_WM_INTERNAL_H
+
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+
+namespace qvwm {
+
+// The calling thread's kernel thread ID: the identity the Controls lock's
+// owner word holds.
+inline pid_t KernelTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// Sets the file-creation mask for the life of the guard (files the library
+// creates get mode 0664) and puts the previous mask back.
+class UmaskGuard {
+public:
+    explicit UmaskGuard(mode_t mask) : nOld(umask(mask)) {}
+    ~UmaskGuard() { umask(nOld); }
+    UmaskGuard(const UmaskGuard&) = delete;
+    UmaskGuard& operator=(const UmaskGuard&) = delete;
+
+private:
+    mode_t nOld;
+};
+
+// Runs a callable when the scope ends, unless dismissed.
+template <class F> class ScopeExit {
+public:
+    explicit ScopeExit(F f) : fn(std::move(f)) {}
+    ~ScopeExit() {
+        if (bActive) fn();
+    }
+    void Dismiss() { bActive = false; }
+    ScopeExit(const ScopeExit&) = delete;
+    ScopeExit& operator=(const ScopeExit&) = delete;
+
+private:
+    F fn;
+    bool bActive = true;
+};
+template <class F> ScopeExit<F> OnScopeExit(F f) { return ScopeExit<F>(std::move(f)); }
+
+// Opens a database file with the mask 002 and without stdio buffering: each
+// fwrite goes straight to the file and an fseek costs no read-ahead, so the
+// write-through of an operation makes exactly the system calls it needs.
+inline FILE* OpenDbFile(const char* szPath, const char* szMode) {
+    UmaskGuard mask(002);
+    FILE* fp = fopen(szPath, szMode);
+    if (fp) setvbuf(fp, nullptr, _IONBF, 0);
+    return fp;
+}
+
+// shmat's failure value.
+inline void* ShmFailed() { return reinterpret_cast<void*>(-1); }
+// True when p is a usable attachment (neither null nor shmat's failure value).
+inline bool Attached(const void* p) { return p != nullptr && p != ShmFailed(); }
+
+// An address as printed by trace lines with "%.08lX": eight hex digits on
+// i386, the full address on 64-bit builds.
+inline unsigned long Addr(const void* p) {
+    return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p));
+}
+
+inline const char* TF(bool b) { return b ? "true" : "false"; }
+
+} // namespace qvwm
+
+#endif

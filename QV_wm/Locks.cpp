@@ -1,0 +1,188 @@
+// The two locks that serialise all work of all processes on the host.
+//
+// Constructor lock: an advisory lock on the file WM.lock in the database
+// directory, held by one object's open file description. It makes the
+// decision "create or attach" (construction) and "remove" (teardown of the
+// last user) atomic across processes. Held only inside the constructor and
+// the destructor.
+//
+// Controls lock: the process-shared, error-checking mutex in the Controls
+// segment. Every read and write of the shared tables, the handles and counts
+// in the Controls segment, and the two database files happens under it. Its
+// owner is a thread, named by the kernel thread ID in the mutex's owner word;
+// the library compares that word with callerTID to decide whether the calling
+// thread holds the lock.
+//
+// Lock order: the constructor lock before the Controls lock. A thread never
+// waits for the constructor lock while it holds the Controls lock (the
+// destructor releases the Controls lock first). Both locks are only polled
+// (20 attempts a second for the configured wait), never waited on blocking:
+// a holder that died leaves the Controls lock held, and callers time out
+// naming the dead owner instead of hanging.
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "Internal.h"
+#include "WorkMessages.h"
+
+namespace {
+const char kTag[] = "QV_wm";
+const unsigned int kPollUsecs = 50000; // 20 attempts per second
+const long kAttemptsPerSecond = 20;
+const int kLockTake = 1;
+const int kLockRelease = 2;
+const int kLockFlags = 4;
+const int kLongHoldSecs = 5;
+const int kMaxLongHoldReports = 10;
+} // namespace
+
+pid_t CWorkMessages::_LockOwner() const {
+    if (!qvwm::Attached(pSMCtlrs)) return 0;
+    return __atomic_load_n(&pSMCtlrs->MutexCtlrs.__data.__owner, __ATOMIC_RELAXED);
+}
+
+void CWorkMessages::_CloseFile(FILE** fileDesc) {
+    if (*fileDesc != nullptr) {
+        fclose(*fileDesc);
+        *fileDesc = nullptr;
+    }
+}
+
+bool CWorkMessages::_GetConstructorLock(long nMaxWait) {
+    _TraceEntry("_GetConstructorLock");
+    if (bHoldingConstructorLock) return true;
+
+    {
+        qvwm::UmaskGuard mask(002);
+        pLOCKFile = fopen(strLOCKFilename.c_str(), "wb");
+    }
+    if (pLOCKFile == nullptr) {
+        _Failedf(M_LOCK, -1, "Failed to open constructor lock file '%s'", strLOCKFilename.c_str());
+        return false;
+    }
+
+    int nAction = kLockTake;
+    const long nAttempts = nMaxWait > 0 ? nMaxWait * kAttemptsPerSecond : 0;
+    for (long i = 0; i < nAttempts; ++i) {
+        nAction = kLockTake;
+        if (FileLock(pLOCKFile, &nAction, kLockFlags)) {
+            bHoldingConstructorLock = true;
+            return true;
+        }
+        Usleep(kPollUsecs);
+    }
+
+    if (nAttempts == 0) {
+        // No attempt was made, so there is no holder to name.
+        snprintf(szTempBuff, sizeof(szTempBuff),
+                 "Failed to obtain constructor file lock (no attempt within %ld seconds)",
+                 nMaxWait);
+        errno = ETIMEDOUT;
+    } else if (nAction >= 0) {
+        snprintf(szTempBuff, sizeof(szTempBuff),
+                 "Failed to obtain constructor file lock (held by pid %d)", nAction);
+    } else {
+        snprintf(szTempBuff, sizeof(szTempBuff), "Failed to obtain constructor file lock");
+        errno = -nAction;
+    }
+    _Failed(M_LOCK, szTempBuff, -1); // closes the lock file through _Unlock
+    return false;
+}
+
+void CWorkMessages::_FreeConstructorLock() {
+    int nAction = kLockRelease;
+    if (bHoldingConstructorLock && pLOCKFile != nullptr) FileLock(pLOCKFile, &nAction, kLockFlags);
+    bHoldingConstructorLock = false;
+    _CloseFile(&pLOCKFile);
+}
+
+bool CWorkMessages::_GetControlsLock(long nMaxWait) {
+    if (bTrace) {
+        snprintf(szTrace, sizeof(szTrace),
+                 "_GetControlsLock entered by pid/tid %ld/%ld(%.8lX). bInternalCall=%s.",
+                 static_cast<long>(callerPID), static_cast<long>(callerTID), qvwm::Addr(pMe),
+                 qvwm::TF(bInternalCall));
+        Log2cerr(szTrace, kTag, true);
+    }
+    const char* szSuffix = bInternalCall ? " (internal call)" : "";
+    if (!qvwm::Attached(pSMCtlrs)) {
+        // Only an object whose construction failed gets here.
+        snprintf(szErrorMsg, sizeof(szErrorMsg),
+                 "WorkMsg object: pid/tid %ld/%ld failed to acquire the Controls Lock%s (rc=%d).\n"
+                 "Reason: %s",
+                 static_cast<long>(callerPID), static_cast<long>(callerTID), szSuffix, EINVAL,
+                 "the Controls segment is not attached");
+        return false;
+    }
+
+    const long nAttempts = nMaxWait > 0 ? nMaxWait * kAttemptsPerSecond : 0;
+    for (long i = 0; i < nAttempts; ++i) {
+        int rc = pthread_mutex_trylock(&pSMCtlrs->MutexCtlrs);
+        if (rc == 0) {
+            tAcquiredMutex = time(nullptr);
+            _Trace("_GetControlsLock mutex acquired");
+            return true;
+        }
+        if (rc != EBUSY) {
+            char szDesc[256];
+            snprintf(szErrorMsg, sizeof(szErrorMsg),
+                     "WorkMsg object: pid/tid %ld/%ld failed to acquire the Controls Lock%s "
+                     "(rc=%d).\nReason: %s",
+                     static_cast<long>(callerPID), static_cast<long>(callerTID), szSuffix, rc,
+                     strerror_r(rc, szDesc, sizeof(szDesc)));
+            _Log("_GetControlsLock failed%s, rc=%d", szSuffix, rc);
+            return false;
+        }
+        Usleep(kPollUsecs);
+    }
+
+    const long nOwner = _LockOwner();
+    _Trace("_GetControlsLock timed out. Current owner=%ld", nOwner);
+    snprintf(szErrorMsg, sizeof(szErrorMsg),
+             "WorkMsg object: pid/tid %ld/%ld failed to acquire the Controls Lock within %ld "
+             "seconds. Current owner=%ld\n",
+             static_cast<long>(callerPID), static_cast<long>(callerTID), nMaxWait, nOwner);
+    return false;
+}
+
+void CWorkMessages::_FreeControlsLock(bool /*bComplain: releasing works the same either way*/) {
+    _TraceEntry("_FreeControlsLock");
+    if (!qvwm::Attached(pSMCtlrs)) {
+        _Log("_FreeControlsLock Controls pointer is invalid");
+        return;
+    }
+    const pid_t nOwner = _LockOwner();
+    if (nOwner != callerTID) {
+        _Trace("_FreeControlsLock called by pid=%ld; lock owner=%ld", static_cast<long>(callerPID),
+               static_cast<long>(nOwner));
+        return;
+    }
+    int rc = pthread_mutex_unlock(&pSMCtlrs->MutexCtlrs);
+    if (rc != 0) {
+        char szDesc[256];
+        _Log("_FreeControlsLock: pthread_mutex_unlock failed(rc=%d)\nReason: %s", rc,
+             strerror_r(rc, szDesc, sizeof(szDesc)));
+        return;
+    }
+    const long tDelta = static_cast<long>(time(nullptr) - tAcquiredMutex);
+    if (tDelta >= kLongHoldSecs && nWhineCount < kMaxLongHoldReports) {
+        ++nWhineCount;
+        _Log("_FreeControlsLock: %ld held %d s. count %d: ", static_cast<long>(callerPID),
+             static_cast<int>(tDelta), nWhineCount);
+        LogBacktrace("Backtrace: ", kTag, true);
+    }
+    _Trace("_FreeControlsLock Lock released");
+}
+
+void CWorkMessages::_Unlock() {
+    if (bTrace) {
+        snprintf(szTrace, sizeof(szTrace),
+                 "_Unlock entered by pid/tid %ld/%ld(%.8lX). bHoldingConstructorLock=%s",
+                 static_cast<long>(callerPID), static_cast<long>(callerTID), qvwm::Addr(pMe),
+                 qvwm::TF(bHoldingConstructorLock));
+        Log2cerr(szTrace, kTag, true);
+    }
+    _FreeConstructorLock(); // closes the lock file even when the lock was not held
+    _FreeControlsLock(false);
+}

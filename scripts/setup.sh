@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs what building and testing need on a fresh Debian machine: the
+# compiler with 32-bit support, CMake, GoogleTest sources, pkg-config, inih
+# (both architectures), CLI11 and Google Benchmark. Does nothing when all is
+# there already. Needs root (or sudo) only when something is missing.
+set -euo pipefail
+
+pkgs=(g++ g++-multilib cmake make pkg-config googletest libinih-dev libinih-dev:i386
+      libcli11-dev libbenchmark-dev)
+
+missing=()
+for p in "${pkgs[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "setup: installing ${missing[*]}" >&2
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "setup: run as root to install: ${missing[*]}" >&2; exit 1; }
+  SUDO=sudo
+fi
+export DEBIAN_FRONTEND=noninteractive
+dpkg --print-foreign-architectures | grep -qx i386 || $SUDO dpkg --add-architecture i386
+# A mirror in mid-sync can fail one index; the packages above come from the
+# main archive, so go on and let the install say whether anything is missing.
+$SUDO apt-get update -qq || echo "setup: apt-get update reported errors; trying the install anyway" >&2
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds every variant and runs every test:
+#   native   x86_64, optimised with debug info
+#   i386     the 32-bit build (-m32)
+#   asan     x86_64 with AddressSanitizer and UndefinedBehaviorSanitizer
+# Each build lives in build-test-<variant>/ of the source tree.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+
+jobs=$(nproc)
+variant() {
+  local name=$1; shift
+  echo "=== $name: configure and build" >&2
+  cmake -S . -B "build-test-$name" "$@" >/dev/null
+  cmake --build "build-test-$name" -j"$jobs" >/dev/null
+  echo "=== $name: tests" >&2
+  ctest --test-dir "build-test-$name" -j"$jobs" --output-on-failure --timeout 300
+}
+
+variant native -DCMAKE_BUILD_TYPE=RelWithDebInfo
+variant i386 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_WM_M32=ON
+variant asan -DCMAKE_BUILD_TYPE=Debug -DQV_WM_SANITIZE=address
+echo "=== all variants passed" >&2

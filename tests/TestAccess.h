@@ -1,0 +1,83 @@
+// Reaches the private members of CWorkMessages from tests. The class is a
+// friend of CWorkMessages; add forwarders here as tests need them.
+#ifndef WM_TEST_ACCESS_H
+#define WM_TEST_ACCESS_H
+
+#include "WorkMessages.h"
+
+class CWorkMessagesTestAccess {
+public:
+    explicit CWorkMessagesTestAccess(CWorkMessages& obj) : o(obj) {}
+
+    // Members.
+    pSMControls& Controls() { return o.pSMCtlrs; }
+    pWQControl& Queues() { return o.pWQCF; }
+    pPRLlist& PRLs() { return o.pPRLL; }
+    pByteInt& SAT() { return o.pDDSAT; }
+    pWMNames& Names() { return o.arrNamesLocal; }
+    pUIDlist& UIDs() { return o.arrUIDs; }
+    int& NamesCount() { return o.nNamesCount; }
+    int& UIDsCount() { return o.nUIDsCount; }
+    int& ControlsHandle() { return o.nControlsHandle; }
+    bool& InternalCall() { return o.bInternalCall; }
+    bool& HoldingConstructorLock() { return o.bHoldingConstructorLock; }
+    bool& Trace() { return o.bTrace; }
+    FILE*& LockFile() { return o.pLOCKFile; }
+    time_t& AcquiredMutex() { return o.tAcquiredMutex; }
+    int& WhineCount() { return o.nWhineCount; }
+    long& LockTimeOut() { return o.nLockTimeOut; }
+    pid_t& CallerTID() { return o.callerTID; }
+    pid_t& CallerPID() { return o.callerPID; }
+    long& CallbackCount() { return o.nCallbackCount; }
+    pqControl& Header() { return o.pQctl; }
+    char* TempBuff() { return o.szTempBuff; }
+    const std::string& DBPath() { return o.strDBPath; }
+    const std::string& RejectDir() { return o.strRMSGQdir; }
+    const std::string& WQCFFilename() { return o.strWQCFFilename; }
+    const std::string& WDDFFilename() { return o.strWDDFFilename; }
+    const std::string& LockFilename() { return o.strLOCKFilename; }
+    const std::string& NamesFilename() { return o.strWMConfigFilename; }
+    const std::string& UIDsFilename() { return o.strUIDConfigFilename; }
+    uid_t FileUID() { return o.nUID; }
+    gid_t FileGID() { return o.nGID; }
+
+    // Frame and locks.
+    void RecordCaller() { o._RecordCaller(); }
+    void Failed(long code, const char* seg, int err) { o._Failed(code, seg, err); }
+    long Return(long code) { return o._Return(code); }
+    bool GetConstructorLock(long wait) { return o._GetConstructorLock(wait); }
+    void FreeConstructorLock() { o._FreeConstructorLock(); }
+    bool GetControlsLock(long wait) { return o._GetControlsLock(wait); }
+    void FreeControlsLock(bool complain) { o._FreeControlsLock(complain); }
+    void Unlock() { o._Unlock(); }
+    pid_t LockOwner() { return o._LockOwner(); }
+
+    // Directory.
+    bool LoadNames(const std::string& path) { return o._LoadNames(path); }
+    bool LoadUIDs(const std::string& path) { return o._LoadUIDs(path); }
+
+    // Storage.
+    long GetPointers() { return o._GetPointers(); }
+    long GetWQCFSlot() { return o._GetWQCFSlot(); }
+    long UpdateWQCF(long slot, bool clean) { return o._UpdateWQCF(slot, clean); }
+    long GetWDDFSlot() { return o._GetWDDFSlot(); }
+    long UpdateWDDF(int fn, int slot, int len, const void* data) {
+        return o._UpdateWDDF(fn, slot, len, data);
+    }
+    pByteInt ReadWDDF(int slot) { return o._ReadWDDF(slot); }
+    _PRL_CTL_* SearchPRL(long uid, long msgno) { return o._SearchPRL(uid, msgno); }
+    long GetPRLSlot() { return o._GetPRLSlot(); }
+    long SearchMSGID(long id) { return o._SearchMSGID(id); }
+
+    // Slot repair (protected).
+    long DeleteSlot(long slot) { return o.__DeleteSlot(slot); }
+    long ModifySlot(long slot, long state, long id, long uid, bool target) {
+        return o.__ModifySlot(slot, state, id, uid, target);
+    }
+    long SetPrio(long slot, bool resetHigh) { return o.__SetPrio(slot, resetHigh); }
+
+private:
+    CWorkMessages& o;
+};
+
+#endif

@@ -1,0 +1,76 @@
+// Test harness: every test gets its own temporary root with a configuration
+// file (GDDA_CONFIG), a names file, a process-UID file, a database directory
+// and a reject directory. The test main has already moved the process into
+// its own IPC namespace, so the fixed segment keys are private to the test
+// (and to the children it forks).
+#ifndef WM_TEST_ENV_H
+#define WM_TEST_ENV_H
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace wmtest {
+
+// Names file and process-UID file every test starts with.
+extern const char* const kDefaultNames; // ORDER=1, INVOICE=2, REPORT=3, ALERT=4
+extern const char* const kDefaultUIDs;  // PROCA=101, PROCB=102, PROCC=103
+
+void WriteFile(const std::string& path, const std::string& content);
+std::string ReadFile(const std::string& path);
+bool FileExists(const std::string& path);
+long FileSize(const std::string& path); // -1 when missing
+
+// Removes every segment under the six keys of the library (this namespace).
+void RemoveSegments();
+// shm ID under key, or -1.
+int SegmentId(int key);
+// Size in bytes and attach count of the segment under key; false if none.
+bool SegmentInfo(int key, size_t* size, long* nattch);
+
+// Runs fn in a forked child; returns its exit code (or 128 + signal).
+int RunChild(const std::function<int()>& fn);
+pid_t StartChild(const std::function<int()>& fn);
+int WaitChild(pid_t pid);
+
+// Captures what the process writes to standard error (the library's log)
+// between construction and Stop().
+class StderrCapture {
+public:
+    StderrCapture();
+    ~StderrCapture();
+    std::string Stop();
+
+private:
+    int nSaved = -1;
+    std::string strPath;
+};
+
+class WmTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Rewrites the configuration file. devExtra lines go into [Dev]
+    // (e.g. "WM_Trace=true\n"); the defaults are WM_Timeout_Secs=1 and
+    // WM_DBPath pointing at dbDir.
+    void WriteConfig(const std::string& devExtra = "", bool withDbPath = true);
+
+    std::string root;       // Root=
+    std::string levelDir;   // root + "/Dev"
+    std::string appconfDir; // levelDir + "/control/appconf"
+    std::string namesFile;  // appconfDir + "/WorkMsg.ini"
+    std::string uidsFile;   // appconfDir + "/ProcessUID.ini"
+    std::string dbDir;      // levelDir + "/data/msgq"
+    std::string rejectDir;  // levelDir + "/data/rmsgq"
+    std::string configFile; // root + "/gdda.conf"
+    std::string wqcfFile;   // dbDir + "/WQCF.bdb"
+    std::string wddfFile;   // dbDir + "/WDDF.bdb"
+};
+
+} // namespace wmtest
+
+#endif
