@@ -1,0 +1,242 @@
+// The dependent-data store: up to 8192 bytes of data per message, kept in
+// fixed 8192-byte slots of the data file WDDF.bdb and never in shared memory.
+//
+// Which of the 65536 data slots are in use is one bit per slot in the slot
+// allocation table (DDSAT), an 8192-byte shared segment that every process
+// allocates from. Slot n is the bit 0x80 >> (n % 8) of byte n / 8. The table
+// is written through to the head of the data file on every change, and slot n
+// lies at offset 8192 * (n + 1). The first constructor loads the table from
+// the file (or creates the file); the control slot that refers to a data slot
+// keeps the data's length, the file keeps none.
+//
+// Locks: nothing here takes a lock. Every function runs while the calling
+// thread holds the Controls lock, which guards the SAT segment, the field
+// nDDSATHandle of the Controls segment and the data file; the search for a
+// free slot, the write of the data and the marking of its bit happen inside
+// one locked operation, so two senders never get the same slot. pWDDFile
+// belongs to the object.
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "Internal.h"
+#include "WorkMessages.h"
+
+namespace {
+const long kSlotSize = WM_MAX_DEPDATA;
+const size_t kSATSize = 8192;
+const int kLastSlot = 65535;
+const int kShmCreate = IPC_CREAT | 0666;
+
+long SlotOffset(int nSlot) {
+    return (static_cast<long>(nSlot) + 1) * kSlotSize;
+}
+} // namespace
+
+long CWorkMessages::_GetWDDFSlot() {
+    _TraceEntry("_GetWDDFSlot");
+    if (!qvwm::Attached(pDDSAT)) {
+        _Failed(M_SHMERR, "Shared-memory SAT is not attached", EINVAL);
+        return M_SHMERR;
+    }
+    for (size_t i = 0; i < kSATSize; ++i) {
+        const ByteInt nByte = pDDSAT[i];
+        if (nByte == 0xFF) continue;
+        if (nByte == 0) return static_cast<long>(8 * i);
+        for (int nBit = 0; nBit < 8; ++nBit) {
+            if ((nByte & (0x80 >> nBit)) == 0) return static_cast<long>(8 * i) + nBit;
+        }
+        return M_LOGIC;
+    }
+    snprintf(szErrorMsg, sizeof(szErrorMsg), "WorkMsg object: Dependent Data database is full");
+    return M_DDFULL;
+}
+
+long CWorkMessages::_UpdateWDDF(int nfunc, int nslot, int datalen, const void* pdata) {
+    _TraceEntry("_UpdateWDDF");
+    const bool bStore = nfunc == wddfADD || nfunc == wddfUPDATE;
+    // Callers pass what a control slot holds; a value outside the store
+    // would write outside the file's slots or read past the caller's data.
+    // Refused before anything is written.
+    if (nslot < 0 || nslot > kLastSlot) {
+        _Failedf(M_LOGIC, EINVAL, "UpdateWDDF(): data slot %d is outside 0 to %d; %s not written",
+                 nslot, kLastSlot, strWDDFFilename.c_str());
+        return nLastError;
+    }
+    if (bStore && (datalen < 0 || datalen > WM_MAX_DEPDATA)) {
+        _Failedf(M_LOGIC, EINVAL, "UpdateWDDF(): data length %d is outside 0 to %d; %s not written",
+                 datalen, WM_MAX_DEPDATA, strWDDFFilename.c_str());
+        return nLastError;
+    }
+    if (bStore && datalen > 0 && pdata == nullptr) {
+        _Failedf(M_LOGIC, EINVAL, "UpdateWDDF(): no data given for %d bytes; %s not written",
+                 datalen, strWDDFFilename.c_str());
+        return nLastError;
+    }
+    if (!qvwm::Attached(pDDSAT)) {
+        _Failed(M_SHMERR, "Shared-memory SAT is not attached", EINVAL);
+        return M_SHMERR;
+    }
+
+    void* pBlock = calloc(1, kSlotSize);
+    if (pBlock == nullptr) {
+        _Failedf(M_SYSERR, -1, "UpdateWDDF(): Failed to allocate %d bytes of memory",
+                 static_cast<int>(kSlotSize));
+        return nLastError;
+    }
+    auto release = qvwm::OnScopeExit([this, pBlock] {
+        _CloseFile(&pWDDFile);
+        free(pBlock);
+    });
+    if (bStore && datalen > 0) memcpy(pBlock, pdata, static_cast<size_t>(datalen));
+
+    const char* szPath = strWDDFFilename.c_str();
+    pWDDFile = qvwm::OpenDbFile(szPath, "r+");
+    if (pWDDFile == nullptr) {
+        _Failedf(M_SYSERR, -1, "Failed to open WDDF database: %s", szPath);
+        return nLastError;
+    }
+    if (fseek(pWDDFile, SlotOffset(nslot), SEEK_SET) != 0) {
+        _Failedf(M_SYSERR, -1, "Failed to position WDDF database: %s", szPath);
+        return nLastError;
+    }
+    if (fwrite(pBlock, 1, kSlotSize, pWDDFile) != static_cast<size_t>(kSlotSize)) {
+        _Failedf(M_SYSERR, -1, "Failed to write slot into WDDF database: %s", szPath);
+        return nLastError;
+    }
+
+    const ByteInt nMask = static_cast<ByteInt>(0x80 >> (nslot % 8));
+    if (bStore)
+        pDDSAT[nslot / 8] |= nMask;
+    else
+        pDDSAT[nslot / 8] &= static_cast<ByteInt>(~nMask);
+    if (fseek(pWDDFile, 0, SEEK_SET) != 0) {
+        _Failedf(M_SYSERR, -1, "Failed to rewind WDDF database: %s", szPath);
+        return nLastError;
+    }
+    if (fwrite(pDDSAT, 1, kSATSize, pWDDFile) != kSATSize) {
+        _Failedf(M_SYSERR, -1, "Failed to update DDSAT into WDDF database: %s", szPath);
+        return nLastError;
+    }
+    return M_OK;
+}
+
+pByteInt CWorkMessages::_ReadWDDF(int nslot) {
+    _TraceEntry("_ReadWDDF");
+    if (nslot < 0 || nslot > kLastSlot) {
+        _Failedf(M_LOGIC, EINVAL, "ReadWDDF(): data slot %d is outside 0 to %d in %s", nslot,
+                 kLastSlot, strWDDFFilename.c_str());
+        return nullptr;
+    }
+
+    const char* szPath = strWDDFFilename.c_str();
+    auto closeFile = qvwm::OnScopeExit([this] { _CloseFile(&pWDDFile); });
+    pWDDFile = qvwm::OpenDbFile(szPath, "r+");
+    if (pWDDFile == nullptr) {
+        _Failedf(M_SYSERR, -1, "Failed to open WDDF database: %s", szPath);
+        return nullptr;
+    }
+    // A seek beyond the end is allowed: a slot never written reads as zeros.
+    if (fseek(pWDDFile, SlotOffset(nslot), SEEK_SET) != 0) {
+        _Failedf(M_SYSERR, -1, "Failed to position WDDF database at slot: %d", nslot + 1);
+        return nullptr;
+    }
+    pByteInt pBlock = static_cast<pByteInt>(calloc(1, kSlotSize));
+    if (pBlock == nullptr) {
+        _Failedf(M_SYSERR, -1, "Failed to allocate %d bytes of memory for Dependent Data buffer",
+                 static_cast<int>(kSlotSize));
+        return nullptr;
+    }
+    // A short read (the file ends inside or before the slot) leaves zeros.
+    if (fread(pBlock, 1, kSlotSize, pWDDFile) < static_cast<size_t>(kSlotSize) &&
+        ferror(pWDDFile)) {
+        // Unreadable is not the same as empty: the caller must not take the
+        // zeros for the message's data.
+        free(pBlock);
+        _Failedf(M_SYSERR, -1, "Failed to read WDDF database: %s", szPath);
+        return nullptr;
+    }
+    return pBlock;
+}
+
+bool CWorkMessages::_ReadOrInitWDDF() {
+    _TraceEntry("_ReadOrInitWDDF");
+    const int nId = shmget(cstWMDDSATSHMKey, kSATSize, kShmCreate);
+    pSMCtlrs->nDDSATHandle = nId;
+    if (nId < 0) {
+        _Failed(M_SHMERR, "Failed to get create handle for shared-memory SAT", -1);
+        return false;
+    }
+    void* p = shmat(nId, nullptr, 0);
+    if (p == qvwm::ShmFailed()) {
+        _Failed(M_SHMERR, "Failed to attach(1) shared-memory for SAT", -1);
+        return false;
+    }
+    pDDSAT = static_cast<pByteInt>(p);
+    // The key may have found a segment left over by a crash: start clean.
+    memset(pDDSAT, 0, kSATSize);
+
+    const char* szPath = strWDDFFilename.c_str();
+    auto closeFile = qvwm::OnScopeExit([this] { _CloseFile(&pWDDFile); });
+    pWDDFile = qvwm::OpenDbFile(szPath, "r");
+    if (pWDDFile != nullptr) {
+        // A file of zero bytes holds nothing to lose and loads as an empty
+        // table. A table cut short would mark slots in use as free, and the
+        // next messages would overwrite their data: refuse it, unchanged.
+        struct stat st;
+        if (fstat(fileno(pWDDFile), &st) != 0) {
+            _Failedf(M_SYSERR, -1, "Failed to examine Message Queues Data File %s", szPath);
+            return false;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            // A directory or a device opens for reading but holds no table.
+            errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+            _Failedf(M_SYSERR, -1, "Failed to open Message Queues Data File %s", szPath);
+            return false;
+        }
+        if (st.st_size > 0 && st.st_size < static_cast<off_t>(kSATSize)) {
+            _Failedf(M_CTLFILE, EINVAL,
+                     "Message Queues Data File %s is damaged: its slot table is cut short (%lld "
+                     "of %lu bytes)",
+                     szPath, static_cast<long long>(st.st_size),
+                     static_cast<unsigned long>(kSATSize));
+            return false;
+        }
+        if (st.st_size > 0 && fread(pDDSAT, 1, kSATSize, pWDDFile) != kSATSize) {
+            _Failedf(M_SYSERR, -1, "Failed to read Message Queues Data File %s", szPath);
+            return false;
+        }
+        return true;
+    }
+    if (errno != ENOENT) {
+        // The file is there but can't be read (permissions, a directory in
+        // its place). Creating a new one over it would free every data slot
+        // of the stored messages.
+        _Failedf(M_SYSERR, -1, "Failed to open Message Queues Data File %s", szPath);
+        return false;
+    }
+
+    pWDDFile = qvwm::OpenDbFile(szPath, "w");
+    if (pWDDFile == nullptr) {
+        _Failed(M_SYSERR, "Failed to create Message Queues Data File", -1);
+        return false;
+    }
+    if (fwrite(pDDSAT, 1, kSATSize, pWDDFile) != kSATSize) {
+        // Without the fragment the next start creates the file again.
+        const int nErr = errno;
+        _CloseFile(&pWDDFile);
+        unlink(szPath);
+        _Failed(M_SYSERR, "Failed to create Message Queues Data File", nErr);
+        return false;
+    }
+    _CloseFile(&pWDDFile);
+    if (callerUID == 0 && chown(szPath, nUID, nGID) != 0) {
+        _Failed(M_SYSERR, "Failed to set ownner of Message Queues Data File", -1);
+        return false;
+    }
+    return true;
+}
