@@ -37,7 +37,9 @@ const long kPRLGrowth = 32;
 const int kShmCreate = IPC_CREAT | 0666;
 const char kAllQueues[] = "ALLQ";
 
-size_t PRLBytes(long nCount) { return static_cast<size_t>(nCount) * sizeof(_PRL_CTL_); }
+size_t PRLBytes(long nCount) {
+    return static_cast<size_t>(nCount) * sizeof(_PRL_CTL_);
+}
 
 // Creates (or finds) the PRLs segment of nBytes and attaches it. On success
 // nId and pAddr are set and 0 is returned; on failure the errno of the step
@@ -60,7 +62,7 @@ int CreatePRLSegment(size_t nBytes, int& nId, void*& pAddr, bool& bAttachFailed)
 }
 } // namespace
 
-// Exported for programs built against older versions; nothing calls it.
+// Exported with the library's interface; nothing in the library calls it.
 extern "C" void _PostCallback(int /*nSigno*/) {}
 
 long CWorkMessages::SetInput(long nUID, const char* szMname, long (*Callback)(long),
@@ -153,24 +155,26 @@ long CWorkMessages::UnsetInput(long nUID, const char* szMname, long nPID) {
     };
 
     long nResult = _GetPointers();
-    if (nResult == M_OK && strcmp(szMname, kAllQueues) != 0) {
-        const long nID = Translate(szMname);
-        if (nID < 0) {
-            nResult = nID;
-        } else {
-            // M_NOTACT (no such entry) is reported without a text.
-            const long nSlot = _KnownRequest(nUID, nID, static_cast<pid_t>(nProcess));
-            if (nSlot < 0) {
-                nResult = nSlot;
-            } else {
-                clearEntry(nSlot);
-            }
-        }
-    } else if (nResult == M_OK && nUID != 0 && qvwm::Attached(pPRLL)) {
-        // "ALLQ": every entry of this UID and process; none is no failure.
-        const long nCount = pSMCtlrs->nPRLSlotCount;
+    if (nResult == M_OK && strcmp(szMname, kAllQueues) == 0) {
+        // Every entry of this UID and process; none is no failure. UID 0
+        // names free entries only.
+        const long nCount = nUID != 0 && qvwm::Attached(pPRLL) ? pSMCtlrs->nPRLSlotCount : 0;
         for (long i = 0; i < nCount; ++i) {
             if (pPRLL[i].nUID == nUID && pPRLL[i].nPID == nProcess) clearEntry(i);
+        }
+    } else if (nResult == M_OK) {
+        const long nID = Translate(szMname);
+        long nSlot = nID;
+        // A process ID wider than pid_t names no entry; M_NOTACT (no such
+        // entry) is reported without a text.
+        if (nID >= 0)
+            nSlot = nProcess == static_cast<pid_t>(nProcess)
+                        ? _KnownRequest(nUID, nID, static_cast<pid_t>(nProcess))
+                        : static_cast<long>(M_NOTACT);
+        if (nSlot < 0) {
+            nResult = nSlot;
+        } else {
+            clearEntry(nSlot);
         }
     }
 
@@ -296,6 +300,7 @@ long CWorkMessages::_AllocatePRL(long nCount, bool bRealloc) {
     // When even that fails, the handle is set to -1: every later call then
     // reports the lost registry instead of working on a stale table.
     pSMCtlrs->nPRListHandle = -1;
+    pSMCtlrs->nPRLSlotCount = 0;
     if (pOld != nullptr) {
         int nBackId = -1;
         void* pBack = nullptr;
@@ -304,14 +309,12 @@ long CWorkMessages::_AllocatePRL(long nCount, bool bRealloc) {
             memcpy(pBack, pOld, PRLBytes(nOldCount));
             pPRLL = static_cast<pPRLlist>(pBack);
             pSMCtlrs->nPRListHandle = nBackId;
+            pSMCtlrs->nPRLSlotCount = static_cast<int32_t>(nOldCount);
+            _Log("PRLs relocation failed: the registry was kept with %ld entries", nOldCount);
+        } else {
+            _Log("PRLs relocation failed: the registry is lost");
         }
         shmdt(pOld);
-    }
-    if (pSMCtlrs->nPRListHandle == -1) {
-        pSMCtlrs->nPRLSlotCount = 0;
-        if (bRealloc) _Log("PRLs relocation failed: the registry is lost");
-    } else {
-        _Log("PRLs relocation failed: the registry was kept with %ld entries", nOldCount);
     }
     _Failed(M_SHMERR,
             bAttachFailed ? "Failed to attach shared-memory PRLs"

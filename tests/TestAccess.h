@@ -67,6 +67,8 @@ public:
     pByteInt ReadWDDF(int slot) { return o._ReadWDDF(slot); }
     _PRL_CTL_* SearchPRL(long uid, long msgno) { return o._SearchPRL(uid, msgno); }
     long GetPRLSlot() { return o._GetPRLSlot(); }
+    _PRL_CTL_* SearchPRLByType(long msgno) { return o._SearchPRL(msgno); }
+    long KnownRequest(long uid, long id, pid_t pid) { return o._KnownRequest(uid, id, pid); }
     long SearchMSGID(long id) { return o._SearchMSGID(id); }
 
     // Slot repair (protected).

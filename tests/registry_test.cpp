@@ -1,0 +1,209 @@
+// Receiver registry: registration, removal, activity, growth of the table and
+// the callback count.
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../QV_wm/Internal.h"
+#include "TestAccess.h"
+#include "TestEnv.h"
+#include "WorkMessages.h"
+
+namespace {
+
+class RegistryTest : public wmtest::WmTest {};
+
+const long kOrder = 1, kInvoice = 2, kReport = 3;
+const int kPRLKey = CWorkMessages::cstWMPRListSHMKey;
+const WMCallback CallbackA = [](long n) { return n; };
+const WMCallback CallbackB = [](long n) { return n + 1; };
+
+// Registers (uid, type) pairs with a callback from a forked process; its
+// exit code.
+int RegisterInChild(std::vector<std::pair<long, const char*>> regs) {
+    return wmtest::RunChild([=] {
+        CWorkMessages other;
+        long rc = other.nLastError;
+        for (size_t i = 0; i < regs.size() && rc == M_OK; ++i)
+            rc = other.SetInput(regs[i].first, regs[i].second, CallbackB, false);
+        return static_cast<int>(-rc);
+    });
+}
+
+// The table as the object sees it now.
+std::vector<_PRL_CTL_> Entries(CWorkMessages& wm) {
+    CWorkMessagesTestAccess acc(wm);
+    EXPECT_EQ(acc.GetPointers(), M_OK);
+    return std::vector<_PRL_CTL_>(acc.PRLs(), acc.PRLs() + acc.Controls()->nPRLSlotCount);
+}
+
+// Process ID of the first live entry of uid, or -1.
+pid_t PidOf(CWorkMessages& wm, long uid) {
+    for (const _PRL_CTL_& e : Entries(wm))
+        if (e.nUID == uid) return e.nPID;
+    return -1;
+}
+
+void Fill128(CWorkMessages& wm) {
+    for (long uid = 1000; uid < 1128; ++uid)
+        ASSERT_EQ(wm.SetInput(uid, "ORDER", nullptr, 0), 0);
+}
+
+bool SetShmMax(const char* value) {
+    std::ofstream out("/proc/sys/kernel/shmmax");
+    out << value << std::flush;
+    return out.good();
+}
+
+TEST_F(RegistryTest, OneEntryPerProcessUpdatedInPlace) {
+    CWorkMessages wm;
+    CWorkMessagesTestAccess acc(wm);
+    ASSERT_EQ(wm.SetInput(101, "ORDER", nullptr, false), M_OK);
+    ASSERT_EQ(wm.SetInput(101, "order", CallbackA, true), M_OK); // same type, any case
+    ASSERT_EQ(wm.SetInput(101, "INVOICE", nullptr, false), M_OK);
+    ASSERT_EQ(RegisterInChild({{101, "ORDER"}}), 0);
+    const std::vector<_PRL_CTL_> e = Entries(wm);
+    EXPECT_TRUE(e[0].nUID == 101 && e[0].nPID == getpid() && e[0].nMsgNo == kOrder);
+    EXPECT_EQ(e[0].GetCallback(), CallbackA);
+    EXPECT_EQ(e[0].bUseLIFO, 1);
+    EXPECT_EQ(e[1].nMsgNo, kInvoice);
+    EXPECT_TRUE(e[2].nUID == 101 && e[2].nPID != getpid() && e[2].nMsgNo == kOrder);
+    EXPECT_EQ(e[3].nUID, 0);
+    EXPECT_EQ(acc.LockOwner(), 0);
+}
+
+TEST_F(RegistryTest, GrowthKeepsEntriesInPlaceAndPeersFollow) {
+    CWorkMessages wm;
+    ASSERT_EQ(wm.TargetActive(1, -1), M_NOTACT); // the child inherits no attachment
+    const int nOldId = wmtest::SegmentId(kPRLKey);
+    int ready[2], grown[2];
+    ASSERT_TRUE(pipe(ready) == 0 && pipe(grown) == 0);
+    const pid_t child = wmtest::StartChild([&] {
+        CWorkMessages peer; // attached to the 128-entry table until its next call
+        char c = 0;
+        if (write(ready[1], &c, 1) != 1 || read(grown[0], &c, 1) != 1) return 90;
+        if (peer.TargetActive(1128, kOrder) != M_OK) return 1;
+        if (CWorkMessagesTestAccess(peer).Controls()->nPRLSlotCount != 160) return 2;
+        struct shmid_ds ds;
+        return shmctl(nOldId, IPC_STAT, &ds) == 0 ? 3 : 0; // the old table is gone
+    });
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    Fill128(wm);
+    const std::vector<_PRL_CTL_> before = Entries(wm);
+    ASSERT_EQ(wm.SetInput(1128, "ORDER", nullptr, false), M_OK) << wm.szErrorMsg;
+    ASSERT_EQ(write(grown[1], &c, 1), 1);
+    EXPECT_EQ(wmtest::WaitChild(child), 0);
+
+    const std::vector<_PRL_CTL_> after = Entries(wm);
+    ASSERT_EQ(after.size(), 160u);
+    EXPECT_EQ(memcmp(after.data(), before.data(), 128 * sizeof(_PRL_CTL_)), 0);
+    EXPECT_EQ(after[128].nUID, 1128);
+    for (size_t i = 129; i < after.size(); ++i)
+        EXPECT_EQ(after[i].nUID, 0) << i;
+}
+
+TEST_F(RegistryTest, FailedGrowthKeepsTheRegistryOrReportsItsLoss) {
+    CWorkMessages wm;
+    CWorkMessagesTestAccess acc(wm);
+    Fill128(wm);
+    const std::vector<_PRL_CTL_> before = Entries(wm);
+    std::string strShmMax;
+    std::getline(std::ifstream("/proc/sys/kernel/shmmax"), strShmMax);
+    if (!SetShmMax("4096")) GTEST_SKIP() << "segment sizes cannot be limited here";
+    const auto restore = qvwm::OnScopeExit([&] { SetShmMax(strShmMax.c_str()); });
+    // 160 entries are refused; the 128-entry table can be made again.
+    EXPECT_EQ(wm.SetInput(1128, "ORDER", CallbackA, false), M_SHMERR);
+    EXPECT_NE(strstr(wm.szErrorMsg, "Failed to get create handle for shared-memory PRLs"), nullptr);
+    EXPECT_EQ(acc.LockOwner(), 0);
+    EXPECT_EQ(acc.CallbackCount(), 0);
+    EXPECT_EQ(acc.Controls()->nPRListHandle, wmtest::SegmentId(kPRLKey));
+    const std::vector<_PRL_CTL_> kept = Entries(wm);
+    ASSERT_EQ(kept.size(), 128u);
+    EXPECT_EQ(memcmp(kept.data(), before.data(), 128 * sizeof(_PRL_CTL_)), 0);
+    // Nothing can be made: later calls report the loss.
+    ASSERT_TRUE(SetShmMax("4095"));
+    EXPECT_EQ(wm.SetInput(1128, "ORDER", nullptr, false), M_SHMERR);
+    EXPECT_EQ(wm.TargetActive(1000, kOrder), M_SHMERR);
+    EXPECT_EQ(acc.LockOwner(), 0);
+}
+
+TEST_F(RegistryTest, UnsetInputRemovesOnlyTheGivenProcessEntries) {
+    CWorkMessages wm;
+    CWorkMessagesTestAccess acc(wm);
+    ASSERT_EQ(wm.SetInput(201, "ORDER", nullptr, false), M_OK);
+    ASSERT_EQ(wm.SetInput(201, "REPORT", nullptr, false), M_OK);
+    ASSERT_EQ(RegisterInChild({{201, "ORDER"}, {201, "INVOICE"}, {202, "ORDER"}}), 0);
+    const pid_t nOther = PidOf(wm, 202); // its entries outlive it
+    snprintf(wm.szErrorMsg, sizeof(wm.szErrorMsg), "before");
+    EXPECT_EQ(wm.UnsetInput(201, "INVOICE", 0), M_NOTACT); // not this process's entry
+    EXPECT_STREQ(wm.szErrorMsg, "before");
+    EXPECT_EQ(wm.UnsetInput(201, "INVOICE", nOther), M_OK);
+    EXPECT_EQ(wm.UnsetInput(201, "allq", nOther), M_NAME); // the keyword is case-sensitive
+    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK);
+    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK); // none left
+    EXPECT_EQ(acc.KnownRequest(201, kOrder, nOther), M_NOTACT);
+    EXPECT_EQ(acc.KnownRequest(201, kOrder, getpid()), 0);
+    EXPECT_EQ(wm.TargetActive(202, -1), M_OK); // an ended process still counts
+    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", 0), M_OK);
+    EXPECT_EQ(wm.TargetActive(201, -1), M_NOTACT);
+    EXPECT_EQ(wm.TargetActive(202, kInvoice), M_NOTACT);
+    ASSERT_EQ(wm.SetInput(203, "ALERT", nullptr, false), M_OK);
+    EXPECT_EQ(acc.KnownRequest(203, 4, getpid()), 0) << "the lowest free entry is reused";
+}
+
+TEST_F(RegistryTest, BadInputAndBusyLockChangeNothing) {
+    CWorkMessages wm;
+    CWorkMessagesTestAccess acc(wm);
+    EXPECT_EQ(wm.SetInput(101, "NOSUCH", CallbackA, false), M_NAME);
+    EXPECT_STREQ(wm.szErrorMsg, "WorkMsg object: WorkMsg 'NOSUCH' is not valid");
+    EXPECT_EQ(wm.SetInput(101, nullptr, CallbackA, false), M_NAME);
+    EXPECT_NE(strstr(wm.szErrorMsg, "null"), nullptr) << wm.szErrorMsg;
+    EXPECT_EQ(wm.UnsetInput(101, nullptr, 0), M_NAME);
+    EXPECT_EQ(wm.SetInput(0, "ORDER", CallbackA, true), M_OK); // UID 0 marks free entries
+    if (sizeof(long) > 4) {
+        EXPECT_EQ(wm.SetInput(LONG_MAX, "ORDER", nullptr, false), M_NAME);
+    }
+    ASSERT_TRUE(acc.GetControlsLock(1)); // held elsewhere: the call gives up
+    EXPECT_EQ(wm.SetInput(101, "ORDER", nullptr, false), M_LOCK);
+    acc.FreeControlsLock(true);
+    EXPECT_EQ(wm.nLastError, 0);
+    EXPECT_EQ(acc.CallbackCount(), 0);
+    for (const _PRL_CTL_& e : Entries(wm))
+        ASSERT_EQ(e.nPID, 0) << "no entry was written";
+    EXPECT_EQ(acc.SearchPRLByType(kOrder), nullptr);
+    EXPECT_EQ(wm.TargetActive(0, -1), M_NOTACT); // free entries are nobody's
+}
+
+TEST_F(RegistryTest, CallbackCountFollowsThisObjectsRegistrations) {
+    CWorkMessages wm, wm2;
+    CWorkMessagesTestAccess acc(wm), acc2(wm2);
+    const auto count = [&](long uid, const char* type, long (*cb)(long)) {
+        EXPECT_EQ(wm.SetInput(uid, type, cb, false), M_OK);
+        return acc.CallbackCount();
+    };
+    EXPECT_EQ(count(101, "ORDER", CallbackA), 1);
+    EXPECT_EQ(count(101, "ORDER", CallbackB), 1); // replaced, still one
+    EXPECT_EQ(count(101, "ORDER", nullptr), 0);
+    EXPECT_EQ(count(102, "ORDER", nullptr), 0);
+    EXPECT_EQ(count(101, "ORDER", CallbackA), 1);
+    EXPECT_EQ(count(101, "INVOICE", CallbackA), 2);
+    ASSERT_EQ(acc.GetPointers(), M_OK);
+    EXPECT_EQ(acc.SearchPRLByType(kOrder), &acc.PRLs()[0]); // the entry with a callback
+
+    ASSERT_EQ(RegisterInChild({{301, "ORDER"}}), 0);
+    EXPECT_EQ(wm.UnsetInput(301, "ORDER", PidOf(wm, 301)), M_OK);
+    EXPECT_EQ(acc.CallbackCount(), 2) << "another process's entry was never counted here";
+    ASSERT_EQ(wm2.SetInput(101, "INVOICE", nullptr, false), M_OK); // same process, other object
+    EXPECT_EQ(acc2.CallbackCount(), 0);
+    EXPECT_EQ(wm.UnsetInput(101, "ORDER", 0), M_OK);
+    EXPECT_EQ(acc.CallbackCount(), 1);
+}
+
+} // namespace
