@@ -7,4 +7,4 @@ scripts/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
 cmake --build build -j"$(nproc)" >/dev/null
 cmake --install build --prefix build/install >/dev/null
-exec build/install/bin/wmdemo "$@"
+exec build/install/bin/wmctl demo "$@"
