@@ -3,6 +3,7 @@
 #   native   x86_64, optimised with debug info
 #   i386     the 32-bit build (-m32)
 #   asan     x86_64 with AddressSanitizer and UndefinedBehaviorSanitizer
+#   tsan     x86_64 with ThreadSanitizer, the multi-threaded tests only
 # Each build lives in build-test-<variant>/ of the source tree.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -19,6 +20,11 @@ variant() {
 }
 
 variant native -DCMAKE_BUILD_TYPE=RelWithDebInfo
-variant i386 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_WM_M32=ON
+# The i386 build also reads and writes files with the native build's tools.
+variant i386 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_WM_M32=ON \
+  -DQV_WM_PEER_BUILD="$PWD/build-test-native"
 variant asan -DCMAKE_BUILD_TYPE=Debug -DQV_WM_SANITIZE=address
+# ThreadSanitizer sees threads inside one process (not across processes or
+# shared memory): it runs the tests where several threads work at once.
+variant tsan -DCMAKE_BUILD_TYPE=Debug -DQV_WM_SANITIZE=thread -DQV_WM_TSAN_ONLY=ON
 echo "=== all variants passed" >&2
