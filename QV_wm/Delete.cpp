@@ -26,22 +26,6 @@
 #include "WorkMessages.h"
 
 namespace {
-const long kDataSlots = WM_MAX_DEPDATA * 8L; // one bit per data slot in the table
-
-// A data slot number the data store holds. A slot read from a damaged
-// control file may hold anything else; such a number is never passed on, so
-// no read or write can land outside the data slot table.
-bool IsDataSlot(long nDataSlot) {
-    return nDataSlot >= 0 && nDataSlot < kDataSlots;
-}
-
-// The text of an ID that no message in use holds. Only a missing ID gets
-// it: a failed re-attachment keeps the text that explains it.
-void NotFound(char (&szErrorMsg)[512], long nMessageID) {
-    snprintf(szErrorMsg, sizeof(szErrorMsg), "Message ID %.8X not found",
-             static_cast<unsigned int>(nMessageID));
-}
-
 // Names come from the directory files and may hold "/": each becomes "_" so
 // that a reject file always lands in the reject directory itself.
 std::string FileNamePart(std::string strName) {
@@ -51,6 +35,18 @@ std::string FileNamePart(std::string strName) {
     return strName;
 }
 } // namespace
+
+// Re-attaches the tables and finds the slot of message nMessageID: its index,
+// or M_MSGID with the text "Message ID %.8X not found", or the code of the
+// re-attachment, whose text explains it.
+long CWorkMessages::_FindMessage(long nMessageID) {
+    long nSlot = _GetPointers();
+    if (nSlot == M_OK) nSlot = _SearchMSGID(nMessageID);
+    if (nSlot == M_MSGID)
+        snprintf(szErrorMsg, sizeof(szErrorMsg), "Message ID %.8X not found",
+                 static_cast<unsigned int>(nMessageID));
+    return nSlot;
+}
 
 long CWorkMessages::Delete(long nUID, long nMessageID) {
     _RecordCaller();
@@ -62,18 +58,13 @@ long CWorkMessages::Delete(long nUID, long nMessageID) {
                static_cast<unsigned int>(nMessageID));
     }
 
-    long nResult = _GetPointers();
-    long nSlot = -1;
+    const long nSlot = _FindMessage(nMessageID);
+    long nResult = nSlot < 0 ? nSlot : 0L;
     long nDataSlot = -1;
-    if (nResult == M_OK) {
-        nSlot = _SearchMSGID(nMessageID);
-        if (nSlot < 0) nResult = nSlot;
-        if (nSlot == M_MSGID) NotFound(szErrorMsg, nMessageID);
-    }
     if (nResult == M_OK) {
         nDataSlot = pWQCF[nSlot].nDepDataSlot;
         // The data goes first: if it cannot be freed the message stays whole.
-        if (IsDataSlot(nDataSlot))
+        if (qvwm::IsDataSlot(nDataSlot))
             nResult = _UpdateWDDF(wddfDELETE, static_cast<int>(nDataSlot), 0, nullptr);
     }
     if (nResult == M_OK) {
@@ -96,13 +87,8 @@ long CWorkMessages::Reject(long nUID, long nMessageID) {
         _Trace("Reject request from %s. MsgID: %.08X", _ProcessName(nUID).c_str(),
                static_cast<unsigned int>(nMessageID));
 
-    long nResult = _GetPointers();
-    long nSlot = -1;
-    if (nResult == M_OK) {
-        nSlot = _SearchMSGID(nMessageID);
-        if (nSlot < 0) nResult = nSlot;
-        if (nSlot == M_MSGID) NotFound(szErrorMsg, nMessageID);
-    }
+    const long nSlot = _FindMessage(nMessageID);
+    long nResult = nSlot < 0 ? nSlot : 0L;
 
     long nDataSlot = -1;
     if (nResult == M_OK) {
@@ -123,7 +109,7 @@ long CWorkMessages::Reject(long nUID, long nMessageID) {
         // that every reject file has the one size and layout.
         static const ByteInt kNoData[WM_MAX_DEPDATA] = {};
         pByteInt pRead = nullptr;
-        if (IsDataSlot(nDataSlot)) {
+        if (qvwm::IsDataSlot(nDataSlot)) {
             pRead = _ReadWDDF(static_cast<int>(nDataSlot));
             if (pRead == nullptr) nResult = nLastError;
         }
@@ -178,13 +164,8 @@ long CWorkMessages::Retry(long nUID, long nMessageID, bool bDelay, ByteInt nUser
         _Trace("Retry request from %s. MsgID: %.08X", _ProcessName(nUID).c_str(),
                static_cast<unsigned int>(nMessageID));
 
-    long nResult = _GetPointers();
-    long nSlot = -1;
-    if (nResult == M_OK) {
-        nSlot = _SearchMSGID(nMessageID);
-        if (nSlot < 0) nResult = nSlot;
-        if (nSlot == M_MSGID) NotFound(szErrorMsg, nMessageID);
-    }
+    const long nSlot = _FindMessage(nMessageID);
+    long nResult = nSlot < 0 ? nSlot : 0L;
     if (nResult == M_OK) {
         _WQCF_& slot = pWQCF[nSlot];
         slot.nflag = bDelay ? WQCF_Delayed_Retry : WQCF_Retry;

@@ -16,7 +16,9 @@ namespace qvwm {
 
 // The calling thread's kernel thread ID: the identity the Controls lock's
 // owner word holds.
-inline pid_t KernelTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+inline pid_t KernelTid() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
 
 // Sets the file-creation mask for the life of the guard (files the library
 // creates get mode 0664) and puts the previous mask back.
@@ -46,7 +48,9 @@ private:
     F fn;
     bool bActive = true;
 };
-template <class F> ScopeExit<F> OnScopeExit(F f) { return ScopeExit<F>(std::move(f)); }
+template <class F> ScopeExit<F> OnScopeExit(F f) {
+    return ScopeExit<F>(std::move(f));
+}
 
 // Opens a database file with the mask 002 and without stdio buffering: each
 // fwrite goes straight to the file and an fseek costs no read-ahead, so the
@@ -59,9 +63,13 @@ inline FILE* OpenDbFile(const char* szPath, const char* szMode) {
 }
 
 // shmat's failure value.
-inline void* ShmFailed() { return reinterpret_cast<void*>(-1); }
+inline void* ShmFailed() {
+    return reinterpret_cast<void*>(-1);
+}
 // True when p is a usable attachment (neither null nor shmat's failure value).
-inline bool Attached(const void* p) { return p != nullptr && p != ShmFailed(); }
+inline bool Attached(const void* p) {
+    return p != nullptr && p != ShmFailed();
+}
 
 // An address as printed by trace lines with "%.08lX": eight hex digits on
 // i386, the full address on 64-bit builds.
@@ -69,7 +77,19 @@ inline unsigned long Addr(const void* p) {
     return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p));
 }
 
-inline const char* TF(bool b) { return b ? "true" : "false"; }
+inline const char* TF(bool b) {
+    return b ? "true" : "false";
+}
+
+// Number of dependent-data slots: one bit each in the 8192-byte slot table.
+const long kDataSlots = 8192L * 8L;
+
+// A data slot number the data store holds. A control slot read from a
+// damaged file may hold anything else; such a number is never passed on, so
+// no read or write can land outside the data slot table.
+inline bool IsDataSlot(long nDataSlot) {
+    return nDataSlot >= 0 && nDataSlot < kDataSlots;
+}
 
 } // namespace qvwm
 

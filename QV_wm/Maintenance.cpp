@@ -23,9 +23,8 @@
 
 namespace {
 const long kNotSet = -1;
-const long kDataSlots = WM_MAX_DEPDATA * 8L; // one bit per data slot in the table
-const uint32_t kPrioIDMask = 0x00FFFFFFu;    // a high-priority slot keeps these bits
-const int kPrioMaskShift = 24;               // and xMsgMask the byte above them
+const uint32_t kPrioIDMask = 0x00FFFFFFu; // a high-priority slot keeps these bits
+const int kPrioMaskShift = 24;            // and xMsgMask the byte above them
 
 // Writes the refusal of an index outside the table; nCount is the slot count.
 long OutsideTable(char (&szErrorMsg)[512], long nSlot, long nCount) {
@@ -60,7 +59,7 @@ long CWorkMessages::__DeleteSlot(long nSlot) {
         // number outside the data store (a damaged slot) is never passed on.
         const _WQCF_& slot = pWQCF[nSlot];
         if (slot.nflag != WQCF_Available) nDataSlot = slot.nDepDataSlot;
-        if (nDataSlot >= 0 && nDataSlot < kDataSlots)
+        if (qvwm::IsDataSlot(nDataSlot))
             nResult = _UpdateWDDF(wddfDELETE, static_cast<int>(nDataSlot), 0, nullptr);
     }
     if (nResult == M_OK) {

@@ -35,7 +35,6 @@ namespace {
 const long kNoBoundLIFO = 0x7FFFFFFFL; // exclusive bounds: IDs 1 to 0x7FFFFFFE
 const long kNoBoundFIFO = 0L;
 const long kStepUsecs = 250000L; // one look, then one sleep, per step
-const long kDataSlots = WM_MAX_DEPDATA * 8L;
 
 // Type range: no upper bound passes every type, whatever the lower bound;
 // otherwise both bounds are inclusive and a lower bound of -1 is open.
@@ -196,7 +195,7 @@ long CWorkMessages::_Receive(long nUID, long nMaxWait, WorkMsg* wMSG, long nMsgN
         if (nDataSlot != -1) {
             // A slot number outside the data store comes only from a damaged
             // control file; it is never read, so no read lands elsewhere.
-            if (nDataSlot < 0 || nDataSlot >= kDataSlots) {
+            if (!qvwm::IsDataSlot(nDataSlot)) {
                 _Failedf(M_SYSERR, EINVAL, "Dependent Data slot %ld of message %.08X is invalid",
                          nDataSlot, static_cast<unsigned int>(nCandidateID));
                 nResult = M_SYSERR;

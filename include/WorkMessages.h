@@ -439,6 +439,9 @@ private:
     long _GetNextMessage_R(long nUID, WQCFstates ctlState, long nMsgNoLo, long nMsgNoHi,
                            long nCurrentMessage);
     long _SearchMSGID(long nMID);
+
+    // Delete, Reject, Retry (Delete.cpp).
+    long _FindMessage(long nMessageID);
 };
 
 #endif
