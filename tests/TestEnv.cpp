@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -46,7 +48,89 @@ long FileSize(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
 }
 
-int SegmentId(int key) { return shmget(key, 0, 0666); }
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+_WQCF_ SlotRecord(ByteInt state, int32_t id, int32_t dataSlot, int32_t len, int32_t timeSent) {
+    _WQCF_ s;
+    memset(static_cast<void*>(&s), 0, sizeof(s));
+    s.nflag = state;
+    s.nMessageID = id;
+    s.nTargetUID = 102;
+    s.nSenderUID = 101;
+    s.nMsgNo = 1;
+    s.nTimeSent = timeSent;
+    s.nDepDataSlot = dataSlot;
+    s.nDepDataLength = len;
+    return s;
+}
+
+std::string ControlFileImage(int32_t count, int32_t counter, const std::vector<_WQCF_>& slots,
+                             long nRecords, long first) {
+    if (nRecords < 0) nRecords = first + static_cast<long>(slots.size());
+    std::string img(static_cast<size_t>(64 * (nRecords + 1)), '\0');
+    _WQCF_CTL_ head;
+    memset(&head, 0, sizeof(head));
+    head.nEntriesAllocated = count;
+    head.nCurrentMsgID = counter;
+    memcpy(&img[0], &head, sizeof(head));
+    for (size_t i = 0; i < slots.size(); ++i)
+        memcpy(&img[64 * (first + i + 1)], &slots[i], sizeof(_WQCF_));
+    return img;
+}
+
+_WQCF_CTL_ ImageHeader(const std::string& img) {
+    _WQCF_CTL_ head;
+    memset(&head, 0xEE, sizeof(head));
+    if (img.size() >= sizeof(head)) memcpy(&head, img.data(), sizeof(head));
+    return head;
+}
+
+_WQCF_ ImageSlot(const std::string& img, long slot) {
+    _WQCF_ rec;
+    memset(static_cast<void*>(&rec), 0xEE, sizeof(rec));
+    const size_t offset = 64 * static_cast<size_t>(slot + 1);
+    if (img.size() >= offset + sizeof(rec)) memcpy(&rec, img.data() + offset, sizeof(rec));
+    return rec;
+}
+
+std::string DataFileImage(const std::vector<std::pair<int, std::string>>& blocks) {
+    int last = -1;
+    for (const auto& b : blocks)
+        last = std::max(last, b.first);
+    std::string img(static_cast<size_t>(8192 * (last + 2)), '\0');
+    for (const auto& b : blocks) {
+        img[static_cast<size_t>(b.first / 8)] |= static_cast<char>(0x80 >> (b.first % 8));
+        img.replace(static_cast<size_t>(8192 * (b.first + 1)), b.second.size(), b.second);
+    }
+    return img;
+}
+
+bool DataSlotMarked(const std::string& img, int slot) {
+    const unsigned char byte = static_cast<unsigned char>(img.at(static_cast<size_t>(slot / 8)));
+    return (byte & (0x80 >> (slot % 8))) != 0;
+}
+
+bool DataBlockZero(const std::string& img, long slot) {
+    const size_t offset = 8192 * static_cast<size_t>(slot + 1);
+    return img.size() <= offset ||
+           img.find_first_not_of('\0', offset) >= std::min(img.size(), offset + 8192);
+}
+
+long SendText(CWorkMessages& wm, long from, const char* type, long to, const char* data) {
+    WorkMsg m{};
+    m.nTargetUID = to;
+    m.pDepData = const_cast<char*>(data);
+    m.nDepDataLength = data ? static_cast<long>(strlen(data)) : 0;
+    const long rc = wm.Send(from, type, &m, false);
+    EXPECT_TRUE(rc == M_OK || rc == M_NOTACT) << rc << " " << wm.szErrorMsg;
+    return m.nMessageID;
+}
+
+int SegmentId(int key) {
+    return shmget(key, 0, 0666);
+}
 
 bool SegmentInfo(int key, size_t* size, long* nattch) {
     int id = SegmentId(key);
@@ -85,7 +169,9 @@ int WaitChild(pid_t pid) {
     return -1;
 }
 
-int RunChild(const std::function<int()>& fn) { return WaitChild(StartChild(fn)); }
+int RunChild(const std::function<int()>& fn) {
+    return WaitChild(StartChild(fn));
+}
 
 StderrCapture::StderrCapture() {
     char path[] = "/tmp/qvwm-stderr.XXXXXX";
@@ -98,7 +184,9 @@ StderrCapture::StderrCapture() {
     close(fd);
 }
 
-StderrCapture::~StderrCapture() { Stop(); }
+StderrCapture::~StderrCapture() {
+    Stop();
+}
 
 std::string StderrCapture::Stop() {
     if (nSaved < 0) return std::string();

@@ -11,7 +11,10 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "WorkMessages.h"
 
 namespace wmtest {
 
@@ -23,6 +26,27 @@ void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
 long FileSize(const std::string& path); // -1 when missing
+bool Contains(const std::string& text, const std::string& part);
+
+// Crafted database files, written before the first constructor.
+// A message record from PROCA (101) to PROCB (102) of type ORDER (1).
+_WQCF_ SlotRecord(ByteInt state, int32_t id, int32_t dataSlot = -1, int32_t len = 0,
+                  int32_t timeSent = 0);
+// A control file: the header (count slots, next message ID counter), then
+// nRecords records (as many as slots when negative), slots[i] in slot first + i.
+std::string ControlFileImage(int32_t count, int32_t counter, const std::vector<_WQCF_>& slots = {},
+                             long nRecords = -1, long first = 0);
+_WQCF_CTL_ ImageHeader(const std::string& controlImage);
+// Record of control slot n of a control file image; 0xEE bytes past its end.
+_WQCF_ ImageSlot(const std::string& controlImage, long slot);
+// A data file with the given data slots marked and their blocks holding the text.
+std::string DataFileImage(const std::vector<std::pair<int, std::string>>& blocks);
+bool DataSlotMarked(const std::string& dataImage, int slot);
+bool DataBlockZero(const std::string& dataImage, long slot); // also when past the end
+
+// Sends data of a type between two UIDs, expecting M_OK or M_NOTACT; returns
+// the message ID.
+long SendText(CWorkMessages& wm, long from, const char* type, long to, const char* data = "data");
 
 // Removes every segment under the six keys of the library (this namespace).
 void RemoveSegments();

@@ -13,7 +13,6 @@
 #include "../QV_wm/Internal.h"
 #include "TestAccess.h"
 #include "TestEnv.h"
-#include "WorkMessages.h"
 
 namespace {
 
@@ -24,7 +23,7 @@ const int kPRLKey = CWorkMessages::cstWMPRListSHMKey;
 const WMCallback CallbackA = [](long n) { return n; };
 const WMCallback CallbackB = [](long n) { return n + 1; };
 
-// Registers (uid, type) pairs with a callback from a forked process; its
+// Registers (uid, type) pairs with CallbackB from a forked process; its
 // exit code.
 int RegisterInChild(std::vector<std::pair<long, const char*>> regs) {
     return wmtest::RunChild([=] {
@@ -43,16 +42,9 @@ std::vector<_PRL_CTL_> Entries(CWorkMessages& wm) {
     return std::vector<_PRL_CTL_>(acc.PRLs(), acc.PRLs() + acc.Controls()->nPRLSlotCount);
 }
 
-// Process ID of the first live entry of uid, or -1.
-pid_t PidOf(CWorkMessages& wm, long uid) {
-    for (const _PRL_CTL_& e : Entries(wm))
-        if (e.nUID == uid) return e.nPID;
-    return -1;
-}
-
-void Fill128(CWorkMessages& wm) {
-    for (long uid = 1000; uid < 1128; ++uid)
-        ASSERT_EQ(wm.SetInput(uid, "ORDER", nullptr, 0), 0);
+void Fill(CWorkMessages& wm, long fromUid, long toUid) {
+    for (long uid = fromUid; uid < toUid; ++uid)
+        ASSERT_EQ(wm.SetInput(uid, "ORDER", nullptr, false), M_OK);
 }
 
 bool SetShmMax(const char* value) {
@@ -61,25 +53,39 @@ bool SetShmMax(const char* value) {
     return out.good();
 }
 
-TEST_F(RegistryTest, OneEntryPerProcessUpdatedInPlace) {
+TEST_F(RegistryTest, OneEntryPerProcessAndUnsetInputRemovesOnlyTheGivenProcessEntries) {
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
-    ASSERT_EQ(wm.SetInput(101, "ORDER", nullptr, false), M_OK);
-    ASSERT_EQ(wm.SetInput(101, "order", CallbackA, true), M_OK); // same type, any case
-    ASSERT_EQ(wm.SetInput(101, "INVOICE", nullptr, false), M_OK);
-    ASSERT_EQ(RegisterInChild({{101, "ORDER"}}), 0);
+    ASSERT_EQ(wm.SetInput(201, "ORDER", nullptr, false), M_OK);
+    ASSERT_EQ(wm.SetInput(201, "order", CallbackA, true), M_OK); // same type, any case
+    ASSERT_EQ(wm.SetInput(201, "REPORT", nullptr, false), M_OK);
+    ASSERT_EQ(RegisterInChild({{201, "ORDER"}, {201, "INVOICE"}, {202, "ORDER"}}), 0);
     const std::vector<_PRL_CTL_> e = Entries(wm);
-    EXPECT_TRUE(e[0].nUID == 101 && e[0].nPID == getpid() && e[0].nMsgNo == kOrder);
-    EXPECT_EQ(e[0].GetCallback(), CallbackA);
-    EXPECT_EQ(e[0].bUseLIFO, 1);
-    EXPECT_EQ(e[1].nMsgNo, kInvoice);
-    EXPECT_TRUE(e[2].nUID == 101 && e[2].nPID != getpid() && e[2].nMsgNo == kOrder);
-    EXPECT_EQ(e[3].nUID, 0);
-    EXPECT_EQ(acc.LockOwner(), 0);
+    EXPECT_TRUE(e[0].nUID == 201 && e[0].nPID == getpid() && e[0].nMsgNo == kOrder);
+    EXPECT_TRUE(e[0].GetCallback() == CallbackA && e[0].bUseLIFO == 1);
+    EXPECT_EQ(e[1].nMsgNo, kReport);
+    EXPECT_TRUE(e[2].nUID == 201 && e[2].nPID != getpid() && e[2].nMsgNo == kOrder);
+    EXPECT_EQ(e[5].nUID, 0);
+
+    const pid_t nOther = e[4].nPID;                        // the child's entries outlive it
+    EXPECT_EQ(wm.UnsetInput(201, "INVOICE", 0), M_NOTACT); // not this process's entry
+    EXPECT_EQ(wm.UnsetInput(201, "INVOICE", nOther), M_OK);
+    EXPECT_EQ(wm.UnsetInput(201, "allq", nOther), M_NAME); // the keyword is case-sensitive
+    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK);
+    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK); // none left
+    EXPECT_EQ(acc.KnownRequest(201, kOrder, nOther), M_NOTACT);
+    EXPECT_EQ(acc.KnownRequest(201, kOrder, getpid()), 0);
+    EXPECT_EQ(wm.TargetActive(202, -1), M_OK); // an ended process still counts
+    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", 0), M_OK);
+    EXPECT_EQ(wm.TargetActive(201, -1), M_NOTACT);
+    EXPECT_EQ(wm.TargetActive(202, kInvoice), M_NOTACT);
+    ASSERT_EQ(wm.SetInput(203, "ALERT", nullptr, false), M_OK);
+    EXPECT_EQ(Entries(wm)[0].nUID, 203) << "the lowest free entry is reused";
 }
 
-TEST_F(RegistryTest, GrowthKeepsEntriesInPlaceAndPeersFollow) {
+TEST_F(RegistryTest, GrowthKeepsEntriesInPlacePeersFollowAndAFailedOneKeepsTheTable) {
     CWorkMessages wm;
+    CWorkMessagesTestAccess acc(wm);
     ASSERT_EQ(wm.TargetActive(1, -1), M_NOTACT); // the child inherits no attachment
     const int nOldId = wmtest::SegmentId(kPRLKey);
     int ready[2], grown[2];
@@ -95,96 +101,58 @@ TEST_F(RegistryTest, GrowthKeepsEntriesInPlaceAndPeersFollow) {
     });
     char c = 0;
     ASSERT_EQ(read(ready[0], &c, 1), 1);
-    Fill128(wm);
-    const std::vector<_PRL_CTL_> before = Entries(wm);
+    Fill(wm, 1000, 1128);
+    std::vector<_PRL_CTL_> before = Entries(wm);
     ASSERT_EQ(wm.SetInput(1128, "ORDER", nullptr, false), M_OK) << wm.szErrorMsg;
     ASSERT_EQ(write(grown[1], &c, 1), 1);
     EXPECT_EQ(wmtest::WaitChild(child), 0);
-
-    const std::vector<_PRL_CTL_> after = Entries(wm);
+    std::vector<_PRL_CTL_> after = Entries(wm);
+    before.resize(160, _PRL_CTL_{});
     ASSERT_EQ(after.size(), 160u);
-    EXPECT_EQ(memcmp(after.data(), before.data(), 128 * sizeof(_PRL_CTL_)), 0);
     EXPECT_EQ(after[128].nUID, 1128);
-    for (size_t i = 129; i < after.size(); ++i)
-        EXPECT_EQ(after[i].nUID, 0) << i;
-}
+    after[128] = _PRL_CTL_{};
+    EXPECT_EQ(memcmp(after.data(), before.data(), 160 * sizeof(_PRL_CTL_)), 0);
 
-TEST_F(RegistryTest, FailedGrowthKeepsTheRegistryOrReportsItsLoss) {
-    CWorkMessages wm;
-    CWorkMessagesTestAccess acc(wm);
-    Fill128(wm);
-    const std::vector<_PRL_CTL_> before = Entries(wm);
+    // Growing to 192 entries is refused; the 160-entry table can be made again.
+    Fill(wm, 1129, 1160);
+    const std::vector<_PRL_CTL_> full = Entries(wm);
     std::string strShmMax;
     std::getline(std::ifstream("/proc/sys/kernel/shmmax"), strShmMax);
-    if (!SetShmMax("4096")) GTEST_SKIP() << "segment sizes cannot be limited here";
+    if (!SetShmMax("5120")) GTEST_SKIP() << "segment sizes cannot be limited here";
     const auto restore = qvwm::OnScopeExit([&] { SetShmMax(strShmMax.c_str()); });
-    // 160 entries are refused; the 128-entry table can be made again.
-    EXPECT_EQ(wm.SetInput(1128, "ORDER", CallbackA, false), M_SHMERR);
+    EXPECT_EQ(wm.SetInput(1160, "ORDER", CallbackA, false), M_SHMERR);
     EXPECT_NE(strstr(wm.szErrorMsg, "Failed to get create handle for shared-memory PRLs"), nullptr);
-    EXPECT_EQ(acc.LockOwner(), 0);
-    EXPECT_EQ(acc.CallbackCount(), 0);
+    EXPECT_TRUE(acc.LockOwner() == 0 && acc.CallbackCount() == 0);
     EXPECT_EQ(acc.Controls()->nPRListHandle, wmtest::SegmentId(kPRLKey));
     const std::vector<_PRL_CTL_> kept = Entries(wm);
-    ASSERT_EQ(kept.size(), 128u);
-    EXPECT_EQ(memcmp(kept.data(), before.data(), 128 * sizeof(_PRL_CTL_)), 0);
+    ASSERT_EQ(kept.size(), 160u);
+    EXPECT_EQ(memcmp(kept.data(), full.data(), 160 * sizeof(_PRL_CTL_)), 0);
     // Nothing can be made: later calls report the loss.
-    ASSERT_TRUE(SetShmMax("4095"));
-    EXPECT_EQ(wm.SetInput(1128, "ORDER", nullptr, false), M_SHMERR);
+    ASSERT_TRUE(SetShmMax("5119"));
+    EXPECT_EQ(wm.SetInput(1160, "ORDER", nullptr, false), M_SHMERR);
     EXPECT_EQ(wm.TargetActive(1000, kOrder), M_SHMERR);
     EXPECT_EQ(acc.LockOwner(), 0);
 }
 
-TEST_F(RegistryTest, UnsetInputRemovesOnlyTheGivenProcessEntries) {
-    CWorkMessages wm;
-    CWorkMessagesTestAccess acc(wm);
-    ASSERT_EQ(wm.SetInput(201, "ORDER", nullptr, false), M_OK);
-    ASSERT_EQ(wm.SetInput(201, "REPORT", nullptr, false), M_OK);
-    ASSERT_EQ(RegisterInChild({{201, "ORDER"}, {201, "INVOICE"}, {202, "ORDER"}}), 0);
-    const pid_t nOther = PidOf(wm, 202); // its entries outlive it
-    snprintf(wm.szErrorMsg, sizeof(wm.szErrorMsg), "before");
-    EXPECT_EQ(wm.UnsetInput(201, "INVOICE", 0), M_NOTACT); // not this process's entry
-    EXPECT_STREQ(wm.szErrorMsg, "before");
-    EXPECT_EQ(wm.UnsetInput(201, "INVOICE", nOther), M_OK);
-    EXPECT_EQ(wm.UnsetInput(201, "allq", nOther), M_NAME); // the keyword is case-sensitive
-    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK);
-    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK); // none left
-    EXPECT_EQ(acc.KnownRequest(201, kOrder, nOther), M_NOTACT);
-    EXPECT_EQ(acc.KnownRequest(201, kOrder, getpid()), 0);
-    EXPECT_EQ(wm.TargetActive(202, -1), M_OK); // an ended process still counts
-    EXPECT_EQ(wm.UnsetInput(201, "ALLQ", 0), M_OK);
-    EXPECT_EQ(wm.TargetActive(201, -1), M_NOTACT);
-    EXPECT_EQ(wm.TargetActive(202, kInvoice), M_NOTACT);
-    ASSERT_EQ(wm.SetInput(203, "ALERT", nullptr, false), M_OK);
-    EXPECT_EQ(acc.KnownRequest(203, 4, getpid()), 0) << "the lowest free entry is reused";
-}
-
-TEST_F(RegistryTest, BadInputAndBusyLockChangeNothing) {
-    CWorkMessages wm;
-    CWorkMessagesTestAccess acc(wm);
-    EXPECT_EQ(wm.SetInput(101, "NOSUCH", CallbackA, false), M_NAME);
-    EXPECT_STREQ(wm.szErrorMsg, "WorkMsg object: WorkMsg 'NOSUCH' is not valid");
-    EXPECT_EQ(wm.SetInput(101, nullptr, CallbackA, false), M_NAME);
-    EXPECT_NE(strstr(wm.szErrorMsg, "null"), nullptr) << wm.szErrorMsg;
-    EXPECT_EQ(wm.UnsetInput(101, nullptr, 0), M_NAME);
-    EXPECT_EQ(wm.SetInput(0, "ORDER", CallbackA, true), M_OK); // UID 0 marks free entries
-    if (sizeof(long) > 4) {
-        EXPECT_EQ(wm.SetInput(LONG_MAX, "ORDER", nullptr, false), M_NAME);
-    }
-    ASSERT_TRUE(acc.GetControlsLock(1)); // held elsewhere: the call gives up
-    EXPECT_EQ(wm.SetInput(101, "ORDER", nullptr, false), M_LOCK);
-    acc.FreeControlsLock(true);
-    EXPECT_EQ(wm.nLastError, 0);
-    EXPECT_EQ(acc.CallbackCount(), 0);
-    for (const _PRL_CTL_& e : Entries(wm))
-        ASSERT_EQ(e.nPID, 0) << "no entry was written";
-    EXPECT_EQ(acc.SearchPRLByType(kOrder), nullptr);
-    EXPECT_EQ(wm.TargetActive(0, -1), M_NOTACT); // free entries are nobody's
-}
-
-TEST_F(RegistryTest, CallbackCountFollowsThisObjectsRegistrations) {
+TEST_F(RegistryTest, CallbackCountFollowsThisObjectsRegistrationsAndBadInputChangesNothing) {
     CWorkMessages wm, wm2;
     CWorkMessagesTestAccess acc(wm), acc2(wm2);
-    const auto count = [&](long uid, const char* type, long (*cb)(long)) {
+    EXPECT_EQ(wm.SetInput(101, "NOSUCH", CallbackA, false), M_NAME);
+    EXPECT_EQ(wm.SetInput(101, nullptr, CallbackA, false), M_NAME);
+    EXPECT_EQ(wm.UnsetInput(101, nullptr, 0), M_NAME);
+    EXPECT_EQ(wm.SetInput(0, "ORDER", CallbackA, true), M_OK); // UID 0 marks free entries
+    // A UID beyond 32 bits (64-bit builds only) fits no entry.
+    EXPECT_EQ(sizeof(long) > 4 ? wm.SetInput(LONG_MAX, "ORDER", nullptr, false) : long(M_NAME),
+              M_NAME);
+    ASSERT_TRUE(acc.GetControlsLock(1)); // held elsewhere: the call gives up
+    EXPECT_EQ(wm.SetInput(101, "ORDER", CallbackA, false), M_LOCK);
+    acc.FreeControlsLock(true);
+    EXPECT_TRUE(acc.CallbackCount() == 0 && acc2.CallbackCount() == 0);
+    for (const _PRL_CTL_& e : Entries(wm))
+        ASSERT_EQ(e.nPID, 0) << "no entry was written";
+    EXPECT_EQ(wm.TargetActive(0, -1), M_NOTACT); // free entries are nobody's
+
+    const auto count = [&](long uid, const char* type, WMCallback cb) {
         EXPECT_EQ(wm.SetInput(uid, type, cb, false), M_OK);
         return acc.CallbackCount();
     };
@@ -198,7 +166,7 @@ TEST_F(RegistryTest, CallbackCountFollowsThisObjectsRegistrations) {
     EXPECT_EQ(acc.SearchPRLByType(kOrder), &acc.PRLs()[0]); // the entry with a callback
 
     ASSERT_EQ(RegisterInChild({{301, "ORDER"}}), 0);
-    EXPECT_EQ(wm.UnsetInput(301, "ORDER", PidOf(wm, 301)), M_OK);
+    EXPECT_EQ(wm.UnsetInput(301, "ORDER", Entries(wm)[3].nPID), M_OK);
     EXPECT_EQ(acc.CallbackCount(), 2) << "another process's entry was never counted here";
     ASSERT_EQ(wm2.SetInput(101, "INVOICE", nullptr, false), M_OK); // same process, other object
     EXPECT_EQ(acc2.CallbackCount(), 0);
