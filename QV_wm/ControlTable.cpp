@@ -10,8 +10,10 @@
 //
 // The table grows by 128 slots when Send finds none free. Growth replaces the
 // segment and publishes the new handle in the Controls segment; every process
-// re-attaches through that handle at the start of each operation
-// (_GetPointers), so no address survives from one call to the next.
+// compares that handle with the segment it has mapped at the start of each
+// operation (_GetPointers) and attaches the new one when they differ. By
+// default the mapping goes at the end of each call (_Return); with the host
+// setting WM_KeepAttached it stays until a call finds the handle changed.
 //
 // Locks: nothing here takes a lock. Every function runs while the calling
 // thread holds the Controls lock, which guards the Queues segment, the
@@ -19,6 +21,7 @@
 // of the Controls segment, and the control file. The object's header buffer
 // (pQctl) and pWQCFile belong to the object.
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 
@@ -27,6 +30,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
+#include <vector>
 
 #include "Internal.h"
 #include "WorkMessages.h"
@@ -68,6 +73,12 @@ const char* RecordFault(const _WQCF_& rec, long& nValue) {
         nValue = rec.nflag;
         return "an unknown state";
     }
+    // Send gives IDs from 1 to 0x7FFFFFFE, the only ones a receive selects;
+    // Delete refuses 0 (DeleteBy would stop at such a message every time).
+    if (rec.nMessageID < 1 || rec.nMessageID > 0x7FFFFFFE) {
+        nValue = rec.nMessageID;
+        return "a message ID outside 1 to 0x7FFFFFFE";
+    }
     if (rec.nDepDataSlot < -1 || rec.nDepDataSlot > 65535) {
         nValue = rec.nDepDataSlot;
         return "a dependent data slot outside -1 to 65535";
@@ -77,6 +88,33 @@ const char* RecordFault(const _WQCF_& rec, long& nValue) {
         return "a dependent data length outside 0 to 8192";
     }
     return nullptr;
+}
+
+// True when no two messages in use hold one message ID or one data slot;
+// otherwise false, with their slots and what they share. Delete, Reject and
+// Retry take the first message with an ID, whichever was meant; deleting one
+// of two messages with one data slot frees the other's data for the next
+// message to overwrite.
+bool NothingShared(const _WQCF_* pTable, long nCount, long& nFirst, long& nSecond,
+                   const char*& szWhat, long& nValue) {
+    std::vector<std::pair<long, long>> ids, data; // (value, slot)
+    for (long i = 0; i < nCount; ++i) {
+        if (pTable[i].nflag == WQCF_Available) continue;
+        ids.emplace_back(pTable[i].nMessageID, i);
+        if (pTable[i].nDepDataSlot != -1) data.emplace_back(pTable[i].nDepDataSlot, i);
+    }
+    for (auto* v : {&ids, &data}) {
+        std::sort(v->begin(), v->end());
+        for (size_t k = 1; k < v->size(); ++k) {
+            if ((*v)[k].first != (*v)[k - 1].first) continue;
+            nFirst = (*v)[k - 1].second;
+            nSecond = (*v)[k].second;
+            nValue = (*v)[k].first;
+            szWhat = v == &ids ? "message ID" : "dependent data slot";
+            return false;
+        }
+    }
+    return true;
 }
 
 // The image of a new control file after its header: 512 free slots.
@@ -90,39 +128,41 @@ long CWorkMessages::_GetPointers() {
         return M_SHMERR;
     }
 
-    // Detach first: the handle may name a new segment, and the old one must
-    // not stay mapped in this process.
+    // The handle may name a new segment: a mapping of any other segment is
+    // detached before the current one is attached, so no replaced table
+    // stays mapped here. A mapping that is still current is kept: attaching
+    // it again would cost a map, an unmap and a page fault per page touched,
+    // and give the same bytes.
     void* pOld = pWQCF;
-    if (qvwm::Attached(pWQCF)) shmdt(pWQCF);
-    pWQCF = nullptr;
-    // A handle of 0 means the segment was never made (a construction that
-    // failed early); whatever segment has that ID is not the table.
-    void* pNew = pSMCtlrs->nQueuesHandle == 0 ? qvwm::ShmFailed()
-                                              : shmat(pSMCtlrs->nQueuesHandle, nullptr, 0);
-    if (pNew == qvwm::ShmFailed()) {
-        _Failed(M_SHMERR, "Failed to update shared-memory Queues pointer",
-                pSMCtlrs->nQueuesHandle == 0 ? EINVAL : -1);
+    if (!qvwm::MapSegment(pWQCF, pQueuesMap, nQueuesMapHandle, pSMCtlrs->nQueuesHandle,
+                          &bQueuesFresh)) {
+        _Failed(M_SHMERR, "Failed to update shared-memory Queues pointer", -1);
         return M_SHMERR;
     }
-    pWQCF = static_cast<pWQControl>(pNew);
-    if (pOld != nullptr && pOld != pNew)
+    if (pOld != nullptr && pOld != pWQCF)
         _Trace("Queues were relocated: Old:%.08lX,  New:%.08lX", qvwm::Addr(pOld),
-               qvwm::Addr(pNew));
+               qvwm::Addr(pWQCF));
 
     pOld = pPRLL;
-    if (qvwm::Attached(pPRLL)) shmdt(pPRLL);
-    pPRLL = nullptr;
-    pNew = pSMCtlrs->nPRListHandle == 0 ? qvwm::ShmFailed()
-                                        : shmat(pSMCtlrs->nPRListHandle, nullptr, 0);
-    if (pNew == qvwm::ShmFailed()) {
-        _Failed(M_SHMERR, "Failed to update shared-memory PRL pointer",
-                pSMCtlrs->nPRListHandle == 0 ? EINVAL : -1);
+    if (!qvwm::MapSegment(pPRLL, pPRLMap, nPRLMapHandle, pSMCtlrs->nPRListHandle, nullptr)) {
+        _Failed(M_SHMERR, "Failed to update shared-memory PRL pointer", -1);
         return M_SHMERR;
     }
-    pPRLL = static_cast<pPRLlist>(pNew);
-    if (pOld != nullptr && pOld != pNew)
-        _Trace("PRLs were relocated: Old:%.08lX,  New:%.08lX", qvwm::Addr(pOld), qvwm::Addr(pNew));
+    if (pOld != nullptr && pOld != pPRLL)
+        _Trace("PRLs were relocated: Old:%.08lX,  New:%.08lX", qvwm::Addr(pOld), qvwm::Addr(pPRLL));
     return M_OK;
+}
+
+void CWorkMessages::_PrefaultQueues() {
+#ifdef MADV_POPULATE_READ
+    if (!bQueuesFresh || !qvwm::Attached(pWQCF)) return;
+    bQueuesFresh = false;
+    // A new mapping has no page tables: a scan of the whole table takes one
+    // fault per page, a microsecond or more each. One call maps them all for
+    // a fraction of that. A kernel older than 5.14 refuses the advice, and
+    // the scan then faults the pages in as before.
+    madvise(pWQCF, TableBytes(pSMCtlrs->nQSlotCount), MADV_POPULATE_READ);
+#endif
 }
 
 long CWorkMessages::_GetWQCFSlot() {
@@ -185,7 +225,8 @@ long CWorkMessages::_AllocateQueues(long nCount, bool bRealloc) {
         _Trace("Relocating Queues. Old count:%ld  New count:%ld",
                static_cast<long>(pSMCtlrs->nQSlotCount), nCount);
         // Removing frees the key at once; processes still attached to the old
-        // segment keep it until they detach at the end of their call.
+        // segment keep it until they detach at the end of their call (or,
+        // with WM_KeepAttached, at their next call).
         if (qvwm::Attached(pWQCF)) shmdt(pWQCF);
         if (pSMCtlrs->nQueuesHandle >= 0) shmctl(pSMCtlrs->nQueuesHandle, IPC_RMID, nullptr);
     } else if (qvwm::Attached(pWQCF)) {
@@ -193,6 +234,8 @@ long CWorkMessages::_AllocateQueues(long nCount, bool bRealloc) {
         // attachment mapped for the life of the process.
         shmdt(pWQCF);
     }
+    // The mapping just detached may be the one _GetPointers keeps.
+    if (pQueuesMap == pWQCF) pQueuesMap = nullptr;
     pWQCF = nullptr;
 
     const int nId = shmget(cstWMQueuesSHMKey, TableBytes(nCount), kShmCreate);
@@ -385,6 +428,15 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
                          i, szFault, nValue);
                 return false;
             }
+        }
+        long nFirst = 0, nSecond = 0, nValue = 0;
+        const char* szWhat = "";
+        if (!NothingShared(pWQCF, nRead, nFirst, nSecond, szWhat, nValue)) {
+            _Failedf(M_CTLFILE, EINVAL,
+                     "Message Queues Control File %s is damaged: slots %ld and %ld hold the same "
+                     "%s (%ld)",
+                     szPath, nFirst, nSecond, szWhat, nValue);
+            return false;
         }
         // Records past the header's count are not loaded, and the rewrite
         // below drops them. A message there means the header is wrong; losing

@@ -35,6 +35,24 @@ const int kShmCreate = IPC_CREAT | 0666;
 long SlotOffset(int nSlot) {
     return (static_cast<long>(nSlot) + 1) * kSlotSize;
 }
+
+// Marks the data slot of every message in the table as used; returns how
+// many the slot table showed free. A process killed inside Delete, between
+// freeing the data and clearing the control slot, leaves such a message; if
+// its slot stayed free, the next message sent would take it, and deleting
+// the old message would then free the new one's data.
+long MarkDataInUse(const _WQCF_* pTable, long nCount, pByteInt pSAT) {
+    long nMarked = 0;
+    for (long i = 0; i < nCount; ++i) {
+        const long nSlot = pTable[i].nDepDataSlot;
+        if (pTable[i].nflag == WQCF_Available || !qvwm::IsDataSlot(nSlot)) continue;
+        const ByteInt nMask = static_cast<ByteInt>(0x80 >> (nSlot % 8));
+        if ((pSAT[nSlot / 8] & nMask) != 0) continue;
+        pSAT[nSlot / 8] |= nMask;
+        ++nMarked;
+    }
+    return nMarked;
+}
 } // namespace
 
 long CWorkMessages::_GetWDDFSlot() {
@@ -182,6 +200,18 @@ bool CWorkMessages::_ReadOrInitWDDF() {
 
     const char* szPath = strWDDFFilename.c_str();
     auto closeFile = qvwm::OnScopeExit([this] { _CloseFile(&pWDDFile); });
+    // The loaded control table is attached here; on every successful load
+    // its messages keep their data slots (the file's table follows with the
+    // next change of the store).
+    auto keepData = [this, szPath] {
+        const long nMarked =
+            qvwm::Attached(pWQCF) ? MarkDataInUse(pWQCF, pSMCtlrs->nQSlotCount, pDDSAT) : 0;
+        if (nMarked > 0)
+            _Log("_ReadOrInitWDDF: %ld data slot(s) of stored messages were free in %s; they are "
+                 "kept for their messages",
+                 nMarked, szPath);
+        return true;
+    };
     pWDDFile = qvwm::OpenDbFile(szPath, "r");
     if (pWDDFile != nullptr) {
         // A file of zero bytes holds nothing to lose and loads as an empty
@@ -210,7 +240,7 @@ bool CWorkMessages::_ReadOrInitWDDF() {
             _Failedf(M_SYSERR, -1, "Failed to read Message Queues Data File %s", szPath);
             return false;
         }
-        return true;
+        return keepData();
     }
     if (errno != ENOENT) {
         // The file is there but can't be read (permissions, a directory in
@@ -238,5 +268,5 @@ bool CWorkMessages::_ReadOrInitWDDF() {
         _Failed(M_SYSERR, "Failed to set ownner of Message Queues Data File", -1);
         return false;
     }
-    return true;
+    return keepData();
 }

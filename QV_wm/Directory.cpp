@@ -359,6 +359,15 @@ long CWorkMessages::Translate(const char* pMname) {
                  pMname);
         return M_NAME;
     }
+    // Every caller takes a negative answer for a failure code, so a type
+    // that the names file numbers below 0 can't be used by name at all: say
+    // so, rather than hand out a number that reads as a code without a text.
+    if (pRow->nID < 0) {
+        snprintf(szErrorMsg, sizeof(szErrorMsg),
+                 "WorkMsg object: WorkMsg '%s' has the negative number %ld in the names file",
+                 pMname, static_cast<long>(pRow->nID));
+        return M_NAME;
+    }
     return pRow->nID;
 }
 
@@ -383,7 +392,13 @@ long CWorkMessages::GetUID(const char* pPname, char* pLogMsg) {
     long nResult = _GetPointers();
     if (nResult == 0) {
         const _PRUID_* pRow = _SearchUID(pPname);
-        if (pRow != nullptr) {
+        if (pRow != nullptr && pRow->nUID < 0) {
+            // As for a type in Translate: a negative UID reads as a code.
+            snprintf(szErrorMsg, sizeof(szErrorMsg),
+                     "WorkMsg object: UID for %s is the negative number %ld in the process file",
+                     pPname, static_cast<long>(pRow->nUID));
+            nResult = M_NAME;
+        } else if (pRow != nullptr) {
             if (pLogMsg != nullptr) *pLogMsg = pRow->cLogMsgID;
             nResult = pRow->nUID;
         } else {

@@ -4,6 +4,7 @@
 #   i386     the 32-bit build (-m32)
 #   asan     x86_64 with AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan     x86_64 with ThreadSanitizer, the multi-threaded tests only
+#   fuzz     the file loaders under libFuzzer (fuzz/run.sh, in build-fuzz/)
 # Each build lives in build-test-<variant>/ of the source tree.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -27,4 +28,6 @@ variant asan -DCMAKE_BUILD_TYPE=Debug -DQV_WM_SANITIZE=address
 # ThreadSanitizer sees threads inside one process (not across processes or
 # shared memory): it runs the tests where several threads work at once.
 variant tsan -DCMAKE_BUILD_TYPE=Debug -DQV_WM_SANITIZE=thread -DQV_WM_TSAN_ONLY=ON
+# libFuzzer on the four file loaders (clang, ASan+UBSan), a bounded time each.
+fuzz/run.sh "${QV_WM_FUZZ_SECONDS:-35}"
 echo "=== all variants passed" >&2

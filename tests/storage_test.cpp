@@ -97,8 +97,10 @@ TEST_F(StorageTest, ReloadWithAndWithoutCleaning) {
 }
 
 TEST_F(StorageTest, SlotCountsAfterLoading) {
-    std::vector<_WQCF_> kept600(600, SlotRecord(WQCF_Pending, kFirstID));
-    std::vector<_WQCF_> kept512(512, kept600[0]);
+    std::vector<_WQCF_> kept600; // messages of a file are told apart by their IDs
+    for (int32_t i = 0; i < 600; ++i)
+        kept600.push_back(SlotRecord(WQCF_Pending, kFirstID + i));
+    std::vector<_WQCF_> kept512(kept600.begin(), kept600.begin() + 512);
     const struct {
         const char* what;
         std::string img;

@@ -1,0 +1,152 @@
+// Nonsense arguments, and every operation of an object whose construction
+// failed: each call answers with a code (and a text where the code has one)
+// and changes nothing, neither the tables nor the files.
+#include <functional>
+
+#include "TestAccess.h"
+#include "TestEnv.h"
+#include "WorkMessages.h"
+
+namespace {
+
+using namespace wmtest;
+
+class BadArgsTest : public WmTest {};
+
+WorkMsg Msg(long target, void* data, long len) {
+    WorkMsg m = {};
+    m.nTargetUID = target;
+    m.pDepData = data;
+    m.nDepDataLength = len;
+    return m;
+}
+
+struct Call {
+    const char* szWhat;
+    std::function<long()> fn;
+    long nCode;
+    bool bText; // the code comes with a text
+};
+
+long AsCode(const char* p) {
+    return static_cast<long>(reinterpret_cast<intptr_t>(p));
+}
+
+TEST_F(BadArgsTest, NonsenseGetsACodeAndChangesNothing) {
+    {
+        CWorkMessages wm;
+        ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+        CWorkMessagesTestAccess acc(wm);
+        ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
+        char data[] = "payload";
+        WorkMsg sent = Msg(102, data, 7);
+        ASSERT_EQ(wm.Send(101, "ORDER", &sent, false), M_OK);
+        const std::string wqcf = ReadFile(wqcfFile), wddf = ReadFile(wddfFile);
+        const std::string sat(reinterpret_cast<const char*>(acc.SAT()), 8192);
+
+        char buf[16] = "";
+        WorkMsg negative = Msg(0, buf, -5), other = Msg(102, data, 7);
+        std::vector<Call> calls = {
+            {"receive for UID 0",
+             [&] {
+                 WorkMsg r = Msg(0, buf, sizeof(buf));
+                 return wm.Receive(0, 1, &r, false, nullptr);
+             },
+             M_ILSEQ, false},
+            {"receive into a negative capacity",
+             [&] { return wm.ReceiveByMsg(102, 1, &negative, -1, -1, false, nullptr); }, M_TOOBIG,
+             false},
+            {"delete ID -1",
+             [&] {
+                 const long rc = wm.Delete(102, -1);
+                 return rc;
+             },
+             M_MSGID, true},
+            {"reject ID -1", [&] { return wm.Reject(102, -1); }, M_MSGID, true},
+            {"retry ID -1", [&] { return wm.Retry(102, -1, false, 1); }, M_MSGID, true},
+            {"register an empty name", [&] { return wm.SetInput(102, "", nullptr, false); }, M_NAME,
+             true},
+            {"send an empty name", [&] { return wm.Send(101, "", &other, false); }, M_NAME, true},
+            {"unregister process -1", [&] { return wm.UnsetInput(102, "ORDER", -1); }, M_NOTACT,
+             false},
+            {"is UID -1 active", [&] { return wm.TargetActive(-1, -1); }, M_NOTACT, false},
+        };
+        if (sizeof(long) > 4) {
+            // 64-bit callers: an ID whose low 32 bits name a message is not that message.
+            const long wide =
+                static_cast<long>(static_cast<int64_t>(sent.nMessageID) + (1LL << 32));
+            calls.push_back(
+                {"delete a 64-bit ID", [&, wide] { return wm.Delete(102, wide); }, M_MSGID, true});
+        }
+        for (const Call& c : calls) {
+            strcpy(wm.szErrorMsg, "");
+            EXPECT_EQ(c.fn(), c.nCode) << c.szWhat;
+            if (c.bText) {
+                EXPECT_STRNE(wm.szErrorMsg, "") << c.szWhat;
+            }
+        }
+        EXPECT_EQ(negative.nDepDataLength, 7) << "the length the receiver needs";
+
+        EXPECT_EQ(ReadFile(wqcfFile), wqcf);
+        EXPECT_EQ(ReadFile(wddfFile), wddf);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(acc.SAT()), 8192), sat);
+        EXPECT_EQ(acc.LockOwner(), 0);
+        EXPECT_EQ(wm.nLastError, 0);
+        WorkMsg r = Msg(0, buf, sizeof(buf));
+        ASSERT_EQ(wm.Receive(102, 1, &r, false, nullptr), M_OK); // still there, whole
+        EXPECT_TRUE(r.nMessageID == sent.nMessageID && strcmp(buf, "payload") == 0);
+    }
+
+    // An object whose construction failed, before (no configuration) and
+    // after (an empty names file) it created the Controls segment.
+    const std::string wqcf = ReadFile(wqcfFile), wddf = ReadFile(wddfFile);
+    for (int k = 0; k < 2; ++k) {
+        if (k == 0) {
+            unlink(configFile.c_str());
+        } else {
+            WriteConfig();
+            WriteFile(namesFile, "");
+        }
+        CWorkMessages bad;
+        ASSERT_LT(bad.nLastError, 0);
+        char buf[16];
+        WorkMsg m = Msg(102, buf, sizeof(buf));
+        long n = 0;
+        __GET_COUNTERS__ENTRY1 types[2] = {{0, "ORDER"}, {0, ""}};
+        __GET_COUNTERS__ENTRY2 states;
+        __GET_COUNTERS__ENTRY3 both[2] = {{0, {}, "ORDER"}, {0, {}, ""}};
+        __GET_COUNTERS__ENTRY4 procs[2] = {{0, "PROCA"}, {0, ""}};
+        const std::function<long()> ops[] = {
+            [&] { return bad.Translate("ORDER"); },
+            [&] { return AsCode(bad.Translate(1, nullptr)); },
+            [&] { return bad.GetUID("PROCA", nullptr); },
+            [&] { return AsCode(bad.GetUID(101, nullptr)); },
+            [&] { return bad.SetInput(102, "ORDER", nullptr, false); },
+            [&] { return bad.UnsetInput(102, "ALLQ", 0); },
+            [&] { return bad.TargetActive(102, -1); },
+            [&] { return bad.Send(101, "ORDER", &m, true); },
+            [&] { return bad.Receive(102, 1, &m, false, nullptr); },
+            [&] { return bad.ReceiveByMsg(102, 1, &m, 1, 4, true, nullptr); },
+            [&] { return bad.Delete(102, 0x40000000); },
+            [&] { return bad.Reject(102, 0x40000000); },
+            [&] { return bad.Retry(102, 0x40000000, true, 0); },
+            [&] { return bad.DeleteBy(-1, -1L, -1L, -1L, &n); },
+            [&] { return bad.DeleteBy(-1, nullptr, nullptr, nullptr, &n); },
+            [&] { return bad.GetCounters(types); },
+            [&] { return bad.GetCounters(&states); },
+            [&] { return bad.GetCounters(both); },
+            [&] { return bad.GetCounters(procs, true); },
+        };
+        for (size_t i = 0; i < sizeof(ops) / sizeof(ops[0]); ++i) {
+            strcpy(bad.szErrorMsg, "");
+            EXPECT_LT(ops[i](), 0) << "operation " << i << " of failed object " << k;
+        }
+        EXPECT_EQ(n, 0);
+        EXPECT_EQ(ReadFile(wqcfFile), wqcf);
+        EXPECT_EQ(ReadFile(wddfFile), wddf);
+    }
+    for (int key = 1048; key <= 1053; ++key)
+        EXPECT_LT(SegmentId(key), 0) << key;
+}
+
+} // namespace

@@ -1,0 +1,421 @@
+// Crashes: processes killed with SIGKILL while others go on, all users killed
+// at once (one of them inside the Controls lock) and new ones started, and a
+// lock owner that dies while others stay attached.
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <set>
+
+#include "TestAccess.h"
+#include "Workload.h"
+
+namespace {
+
+using namespace wmtest;
+
+const char* const kTypes[] = {"ORDER", "INVOICE", "REPORT", "ALERT"};
+const int32_t kSeqsPerLife = 100000; // a sender's life n numbers its messages from n * this
+
+class CrashTest : public WmTest {
+protected:
+    // Runs fn in a child that then waits to be killed; returns its pid once
+    // fn is done, or once fn holds the Controls lock inside HoldTheLock.
+    // *result is fn's text, or "lock" when it holds the lock.
+    pid_t StartParked(const std::function<std::string()>& fn, std::string* result);
+    void Kill(pid_t pid) {
+        kill(pid, SIGKILL);
+        WaitChild(pid);
+    }
+    void TearDown() override {
+        for (pid_t pid : vecParked)
+            kill(pid, SIGKILL); // a failed check may leave one waiting
+        WmTest::TearDown();
+    }
+    std::vector<pid_t> vecParked;
+    // Runs wmctl with args; its standard output.
+    std::string Wmctl(const std::string& args);
+};
+
+int fdParked = -1; // a parked child's end of its pipe to the parent
+
+// A receive filter runs with the Controls lock held: this one never returns.
+bool HoldTheLock(void*) {
+    if (write(fdParked, "lock", 4) != 4) _exit(3);
+    for (;;)
+        pause();
+}
+
+// For StartParked: a receiver of nUID that stays inside the lock (a message
+// for it must be waiting).
+std::string ReceiveInsideTheLock(int32_t nUID, bool bNoClean) {
+    CWorkMessages wm(bNoClean);
+    if (wm.nLastError != 0 || wm.SetInput(nUID, "ORDER", nullptr, false) != M_OK)
+        return wm.szErrorMsg;
+    std::vector<char> block(kBlock);
+    WorkMsg m = {};
+    m.pDepData = block.data();
+    m.nDepDataLength = kBlock;
+    wm.Receive(nUID, 5, &m, false, HoldTheLock);
+    return "not in the lock";
+}
+
+pid_t CrashTest::StartParked(const std::function<std::string()>& fn, std::string* result) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    const pid_t pid = StartChild([&] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        close(fds[0]);
+        fdParked = fds[1];
+        const std::string text = fn();
+        if (write(fdParked, text.data(), text.size()) < 0) return 3;
+        close(fdParked);
+        for (;;)
+            pause();
+    });
+    vecParked.push_back(pid);
+    close(fds[1]);
+    char buf[512];
+    const ssize_t n = read(fds[0], buf, sizeof(buf));
+    result->assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+    close(fds[0]);
+    return pid;
+}
+
+std::string CrashTest::Wmctl(const std::string& args) {
+    const char* dir = getenv("QV_WM_BINARY_DIR");
+    const std::string tool = std::string(dir ? dir : "") + "/tools/wmctl";
+    if (dir == nullptr || access(tool.c_str(), X_OK) != 0) return "";
+    const std::string cmd = tool + " " + args + " > " + root + "/wmctl.out 2>&1";
+    return system(cmd.c_str()) >= 0 ? ReadFile(root + "/wmctl.out") : "";
+}
+
+// Stops the process and kills it unless it holds the Controls lock, or is
+// taking or giving it up (the lock word set, the owner word not yet or no
+// longer). 1 when it was killed, 0 when it goes on, -1 when it had ended.
+int KillOutsideTheLock(pid_t pid, pthread_mutex_t& lock) {
+    int status = 0;
+    if (kill(pid, SIGSTOP) != 0 || waitpid(pid, &status, WUNTRACED) != pid) return -1;
+    if (!WIFSTOPPED(status)) return -1;
+    const int nWord = __atomic_load_n(&lock.__data.__lock, __ATOMIC_SEQ_CST);
+    const int nOwner = __atomic_load_n(&lock.__data.__owner, __ATOMIC_SEQ_CST);
+    if (nWord != 0 && (nOwner == pid || nOwner == 0)) {
+        kill(pid, SIGCONT);
+        return 0;
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return 1;
+}
+
+// One life of a sender: messages to 401 and 402 until the stop pipe closes.
+std::string Sender(int32_t nUID, int32_t nLife, int fdStop, const std::string& strLog) {
+    CWorkMessages wm;
+    if (wm.nLastError != 0) return Failure("construction", wm.nLastError, wm);
+    AppendLog log(strLog);
+    std::vector<char> block(kBlock);
+    std::mt19937 rng(static_cast<unsigned>(nUID * 1000 + nLife));
+    for (int32_t seq = nLife * kSeqsPerLife; !Closed(fdStop); ++seq) {
+        const long rc =
+            SendLogged(wm, log, nUID, seq, 401 + static_cast<int32_t>(rng() % 2), kTypes[rng() % 4],
+                       kHeader + static_cast<int32_t>(rng() % (kBlock - kHeader + 1)),
+                       rng() % 8 == 0, block.data());
+        if (rc != M_OK && rc != M_NOTACT) return Failure("Send", rc, wm);
+        usleep(500);
+    }
+    return "";
+}
+
+// One life of a receiver: receives until the stop pipe is closed and nothing
+// is left.
+std::string Receiver(int32_t nUID, int fdStop, const std::string& strLog) {
+    CWorkMessages wm;
+    if (wm.nLastError != 0) return Failure("construction", wm.nLastError, wm);
+    if (wm.SetInput(nUID, "ORDER", nullptr, false) != M_OK) return Failure("SetInput", 0, wm);
+    AppendLog log(strLog);
+    std::vector<char> block(kBlock);
+    std::string fault;
+    for (;;) {
+        const long rc = ReceiveLogged(wm, log, nUID, 1, block.data(), &fault);
+        if (rc == M_TIMEOUT && Closed(fdStop)) return "";
+        if (rc != M_OK && rc != M_TIMEOUT)
+            return fault.empty() ? Failure("receive", rc, wm) : fault;
+    }
+}
+
+// What the table holds: key -> (state, sender, seq), from each message's data.
+struct Stored {
+    int nState;
+    int32_t nSender, nSeq;
+};
+std::map<int32_t, Stored> TableContents(CWorkMessages& wm) {
+    CWorkMessagesTestAccess acc(wm);
+    std::map<int32_t, Stored> out;
+    if (acc.GetPointers() != M_OK) return out;
+    for (long i = 0; i < acc.Controls()->nQSlotCount; ++i) {
+        const _WQCF_ slot = acc.Queues()[i];
+        if (slot.nflag == WQCF_Available) continue;
+        Stored s = {slot.nflag, 0, -1};
+        if (pByteInt data = slot.nDepDataSlot < 0 ? nullptr : acc.ReadWDDF(slot.nDepDataSlot)) {
+            ReadHeader(reinterpret_cast<const char*>(data), &s.nSender, &s.nSeq);
+            free(data);
+        }
+        out[slot.nMessageID & 0x00FFFFFF] = s;
+    }
+    acc.Return(M_OK);
+    return out;
+}
+
+TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
+    WriteConfig("WM_Timeout_Secs=30\n"); // the survivors share a busy lock
+    CWorkMessages wm;
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    CWorkMessagesTestAccess acc(wm);
+    pthread_mutex_t& lock = acc.Controls()->MutexCtlrs;
+    int stopSend[2], stopRecv[2];
+    ASSERT_EQ(pipe(stopSend) | pipe(stopRecv), 0);
+
+    struct Worker {
+        int32_t nUID;
+        int32_t nLife;
+        pid_t pid;
+    };
+    std::vector<Worker> workers = {{301, 0, 0}, {302, 0, 0}, {401, 0, 0}, {402, 0, 0}};
+    auto faultFile = [&](const Worker& w) {
+        return root + "/fault." + std::to_string(w.nUID) + "." + std::to_string(w.nLife);
+    };
+    auto start = [&](Worker& w) {
+        w.pid = StartChild([&] {
+            close(stopSend[1]);
+            close(stopRecv[1]);
+            const std::string log = root + "/log." + std::to_string(w.nUID);
+            const std::string fault = w.nUID < 400 ? Sender(w.nUID, w.nLife, stopSend[0], log)
+                                                   : Receiver(w.nUID, stopRecv[0], log);
+            WriteFile(faultFile(w), fault);
+            return fault.empty() ? 0 : 1;
+        });
+    };
+    for (Worker& w : workers)
+        start(w);
+
+    std::set<std::pair<int32_t, int32_t>> killed; // (UID, life)
+    std::mt19937 rng(4711);
+    const time_t tEnd = time(nullptr) + 6;
+    while (time(nullptr) < tEnd) {
+        usleep(50000 + rng() % 200000);
+        Worker& w = workers[rng() % workers.size()];
+        const int nKilled = KillOutsideTheLock(w.pid, lock);
+        if (nKilled == 0) continue;
+        if (nKilled < 0) ADD_FAILURE() << "worker ended by itself: " << ReadFile(faultFile(w));
+        killed.insert({w.nUID, w.nLife});
+        ++w.nLife;
+        start(w);
+    }
+    EXPECT_GE(killed.size(), 10u);
+
+    // The survivors carried on: they end without a fault.
+    close(stopSend[1]);
+    for (Worker& w : workers) {
+        if (w.nUID < 400) {
+            EXPECT_EQ(WaitChild(w.pid), 0) << ReadFile(faultFile(w));
+        }
+    }
+    close(stopRecv[1]);
+    for (Worker& w : workers) {
+        if (w.nUID > 400) {
+            EXPECT_EQ(WaitChild(w.pid), 0) << ReadFile(faultFile(w));
+        }
+    }
+    close(stopSend[0]);
+    close(stopRecv[0]);
+
+    std::map<int32_t, LogRecord> sent;
+    std::map<std::pair<int32_t, int32_t>, int32_t> lastSeq; // (UID, life) -> last logged seq
+    for (int32_t uid : {301, 302}) {
+        for (const LogRecord& r : ReadLog(root + "/log." + std::to_string(uid))) {
+            EXPECT_TRUE(sent.emplace(r.nKey, r).second) << "one ID sent twice: " << r.nKey;
+            int32_t& last =
+                lastSeq.emplace(std::make_pair(uid, r.nSeq / kSeqsPerLife), -1).first->second;
+            last = std::max(last, r.nSeq);
+        }
+    }
+    // A message without a record is allowed only as the last one of a killed
+    // sender's life: the kill came between Send's return and the record.
+    std::set<std::pair<int32_t, int32_t>> extras;
+    auto known = [&](int32_t nKey, int32_t nSender, int32_t nSeq) {
+        const auto it = sent.find(nKey);
+        if (it != sent.end()) return it->second.nSender == nSender && it->second.nSeq == nSeq;
+        const int32_t nLife = nSeq / kSeqsPerLife;
+        const auto last = lastSeq.find({nSender, nLife});
+        const int32_t nNext = last == lastSeq.end() ? nLife * kSeqsPerLife : last->second + 1;
+        return killed.count({nSender, nLife}) == 1 && nSeq == nNext &&
+               extras.insert({nSender, nLife}).second;
+    };
+
+    std::set<int32_t> received;
+    for (int32_t uid : {401, 402}) {
+        for (const LogRecord& r : ReadLog(root + "/log." + std::to_string(uid))) {
+            EXPECT_TRUE(received.insert(r.nKey).second) << "received twice: " << r.nKey;
+            EXPECT_TRUE(known(r.nKey, r.nSender, r.nSeq)) << "never sent: " << r.nKey;
+            const auto it = sent.find(r.nKey);
+            if (it != sent.end()) {
+                EXPECT_TRUE(r.nCrc == it->second.nCrc && r.nWho == it->second.nTarget) << r.nKey;
+            }
+        }
+    }
+    // What is left was received by a process killed before it deleted it.
+    const std::map<int32_t, Stored> left = TableContents(wm);
+    for (const auto& [nKey, s] : left) {
+        EXPECT_EQ(s.nState, WQCF_Received) << nKey;
+        if (received.count(nKey) == 0) {
+            EXPECT_TRUE(known(nKey, s.nSender, s.nSeq)) << "never sent: " << nKey;
+        }
+    }
+    for (const auto& [nKey, r] : sent)
+        EXPECT_TRUE(received.count(nKey) == 1 || left.count(nKey) == 1)
+            << "lost: " << nKey << " from " << r.nSender << " seq " << r.nSeq;
+    EXPECT_GT(received.size(), 1000u);
+}
+
+TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {
+    // Sender 301: seqs 3, 4, 5 received by 402, 4 and 5 put back for retry
+    // (5 delayed), 3 kept received; then 1 and 2 (high) pending for 402, 6
+    // pending for 401.
+    std::string setup;
+    const pid_t pidSetup = StartParked(
+        [this]() -> std::string {
+            CWorkMessages& wm = *new CWorkMessages; // attached until the kill
+            AppendLog log(root + "/log.301");
+            std::vector<char> block(kBlock);
+            if (wm.SetInput(402, "ORDER", nullptr, false) != M_OK) return "SetInput";
+            for (int32_t seq : {3, 4, 5})
+                SendLogged(wm, log, 301, seq, 402, "ORDER", 100 * seq, false, block.data());
+            long arrIDs[3];
+            for (long& id : arrIDs) {
+                WorkMsg m = {};
+                m.pDepData = block.data();
+                m.nDepDataLength = kBlock;
+                if (wm.Receive(402, 1, &m, false, nullptr) != M_OK) return "Receive";
+                id = m.nMessageID;
+            }
+            if (wm.Retry(402, arrIDs[1], false, 0) != M_OK ||
+                wm.Retry(402, arrIDs[2], true, 0) != M_OK)
+                return "Retry";
+            SendLogged(wm, log, 301, 1, 402, "INVOICE", 5000, false, block.data());
+            SendLogged(wm, log, 301, 2, 402, "REPORT", kBlock, true, block.data());
+            SendLogged(wm, log, 301, 6, 401, "ALERT", 16, false, block.data());
+            return "ready";
+        },
+        &setup);
+    ASSERT_EQ(setup, "ready");
+    // A second process dies inside the lock.
+    std::string held;
+    const pid_t pidHolder = StartParked([] { return ReceiveInsideTheLock(401, false); }, &held);
+    ASSERT_EQ(held, "lock");
+    const int oldControls = SegmentId(CWorkMessages::cstWMctlSHMKey);
+    Kill(pidSetup);
+    Kill(pidHolder);
+    long nAttached = -1;
+    ASSERT_TRUE(SegmentInfo(CWorkMessages::cstWMctlSHMKey, nullptr, &nAttached));
+    ASSERT_EQ(nAttached, 0);
+
+    const std::map<int32_t, int> all = {{1, WQCF_Pending}, {2, WQCF_Pending},
+                                        {6, WQCF_Pending}, {3, WQCF_Received},
+                                        {4, WQCF_Retry},   {5, WQCF_Delayed_Retry}};
+    auto bySeq = [](CWorkMessages& wm) {
+        std::map<int32_t, int> out;
+        for (const auto& [nKey, s] : TableContents(wm))
+            out[s.nSender == 301 ? s.nSeq : -nKey] = s.nState;
+        return out;
+    };
+    {
+        // Without cleaning, every message comes back as it was, data and all.
+        CWorkMessages wm(true);
+        ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+        EXPECT_NE(SegmentId(CWorkMessages::cstWMctlSHMKey), oldControls);
+        EXPECT_EQ(bySeq(wm), all);
+    }
+    // All killed again, one inside the lock; this time the restart cleans.
+    const pid_t pidAgain = StartParked([] { return ReceiveInsideTheLock(401, true); }, &held);
+    ASSERT_EQ(held, "lock");
+    Kill(pidAgain);
+    CWorkMessages wm;
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    std::map<int32_t, int> kept = all;
+    kept.erase(3);
+    EXPECT_EQ(bySeq(wm), kept);
+
+    // They are delivered in their order, whole: high priority first, retry
+    // before delayed retry.
+    ASSERT_EQ(wm.SetInput(401, "ALERT", nullptr, false), M_OK);
+    ASSERT_EQ(wm.SetInput(402, "ORDER", nullptr, false), M_OK);
+    AppendLog log(root + "/log.recv");
+    std::vector<char> block(kBlock);
+    std::string fault;
+    for (int32_t uid : {402, 402, 401, -402, -402}) // negative: a retry receive
+        ASSERT_EQ(ReceiveLogged(wm, log, abs(uid), 1, block.data(), &fault, uid < 0), M_OK)
+            << fault;
+    std::map<int32_t, uint32_t> crc;
+    for (const LogRecord& s : ReadLog(root + "/log.301"))
+        crc[s.nSeq] = s.nCrc;
+    std::vector<int32_t> order;
+    for (const LogRecord& r : ReadLog(root + "/log.recv")) {
+        order.push_back(r.nSeq);
+        EXPECT_EQ(r.nCrc, crc[r.nSeq]) << r.nSeq;
+    }
+    EXPECT_EQ(order, (std::vector<int32_t>{2, 1, 6, 4, 5}));
+    EXPECT_TRUE(TableContents(wm).empty());
+}
+
+TEST_F(CrashTest, ADeadLockOwnerIsNamedUntilEveryUserHasStopped) {
+    auto wm = std::make_unique<CWorkMessages>();
+    ASSERT_EQ(wm->nLastError, 0) << wm->szErrorMsg;
+    std::vector<char> block(kBlock);
+    {
+        AppendLog log(root + "/log.301");
+        ASSERT_EQ(SendLogged(*wm, log, 301, 1, 401, "ORDER", 300, false, block.data()), M_NOTACT);
+    }
+    std::string held;
+    const pid_t pidOwner = StartParked([] { return ReceiveInsideTheLock(401, false); }, &held);
+    ASSERT_EQ(held, "lock");
+    Kill(pidOwner);
+
+    // Every user still attached, and every new one, fails naming the dead owner.
+    const std::string owner = "Current owner=" + std::to_string(pidOwner) + "\n";
+    WorkMsg m = {};
+    m.nTargetUID = 401;
+    EXPECT_EQ(wm->Send(301, "ORDER", &m, false), M_LOCK);
+    EXPECT_NE(std::string(wm->szErrorMsg).find(owner), std::string::npos) << wm->szErrorMsg;
+    EXPECT_EQ(wm->Receive(401, 1, &m, false, nullptr), M_LOCK);
+    EXPECT_EQ(RunChild([&] {
+                  CWorkMessages late;
+                  return late.nLastError == M_LOCK &&
+                                 std::string(late.szErrorMsg).find(owner) != std::string::npos
+                             ? 0
+                             : 1;
+              }),
+              0);
+    const std::string status = Wmctl("status");
+    if (!status.empty()) {
+        EXPECT_NE(
+            status.find("held by thread " + std::to_string(pidOwner) + ", which no longer exists"),
+            std::string::npos)
+            << status;
+    }
+
+    // Recovery: the last user stops, the next one rebuilds from the files.
+    wm.reset();
+    EXPECT_LT(SegmentId(CWorkMessages::cstWMctlSHMKey), 0);
+    CWorkMessages fresh;
+    ASSERT_EQ(fresh.nLastError, 0) << fresh.szErrorMsg;
+    ASSERT_EQ(fresh.SetInput(401, "ORDER", nullptr, false), M_OK);
+    AppendLog log(root + "/log.401");
+    std::string fault;
+    ASSERT_EQ(ReceiveLogged(fresh, log, 401, 1, block.data(), &fault), M_OK) << fault;
+    EXPECT_EQ(ReadLog(root + "/log.401").at(0).nCrc, ReadLog(root + "/log.301").at(0).nCrc);
+}
+
+} // namespace
