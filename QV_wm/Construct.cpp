@@ -63,7 +63,8 @@ CWorkMessages::CWorkMessages(bool bNoClean)
       pDDSAT(nullptr), pPRLL(nullptr), pWQCFile(nullptr), pWDDFile(nullptr), pLOCKFile(nullptr),
       pREJECTFile(nullptr), nRecvCslot(M_NONE), bMsgAvail(false), bInternalCall(false),
       bHoldingConstructorLock(false), tAcquiredMutex(0), nWhineCount(0), pQctl(nullptr),
-      nCallbackCount(0) {
+      nCallbackCount(0), bKeepAttached(false), pQueuesMap(nullptr), nQueuesMapHandle(-1),
+      pPRLMap(nullptr), nPRLMapHandle(-1), bQueuesFresh(false) {
     szErrorMsg[0] = '\0';
     szTempBuff[0] = '\0';
     szTrace[0] = '\0';
@@ -109,6 +110,8 @@ CWorkMessages::CWorkMessages(bool bNoClean)
             nLockTimeOut = kDefaultTimeout;
         if (!objGDDA->GetValue("WM_Trace", &bTrace, nLevel, true)) bTrace = false;
         if (callerPID == 1) bTrace = false; // init never traces
+        if (!objGDDA->GetValue("WM_KeepAttached", &bKeepAttached, nLevel, true))
+            bKeepAttached = false;
     }
     delete objGDDA;
     objGDDA = nullptr;
@@ -256,8 +259,8 @@ void CWorkMessages::_BuildSharedTables(bool bNoClean) {
         _Unlock();
         return;
     }
-    pSMCtlrs->nUIDsHandle = shmget(cstWMUIDListSHMKey,
-                                   static_cast<size_t>(nUIDsCount) * sizeof(_PRUID_), kShmCreate);
+    pSMCtlrs->nUIDsHandle =
+        shmget(cstWMUIDListSHMKey, static_cast<size_t>(nUIDsCount) * sizeof(_PRUID_), kShmCreate);
     if (pSMCtlrs->nUIDsHandle < 0) {
         _Failed(M_SHMERR, "Failed to get create handle for shared-memory Unique IDs", -1);
         return;
@@ -314,8 +317,8 @@ CWorkMessages::~CWorkMessages() {
         DetachSegment(pSMCtlrs);
         DetachSegment(arrNamesLocal);
         DetachSegment(arrUIDs);
-        DetachSegment(pWQCF);
-        DetachSegment(pPRLL);
+        qvwm::UnmapSegment(pWQCF, pQueuesMap, nQueuesMapHandle, false);
+        qvwm::UnmapSegment(pPRLL, pPRLMap, nPRLMapHandle, false);
         DetachSegment(pDDSAT);
 
         // Cheap test first, then again under the constructor lock: constructors
@@ -387,8 +390,8 @@ void CWorkMessages::_FreeAllMemory(_SM_Controls_* lpCtls) {
             if (nId != 0) shmctl(nId, IPC_RMID, nullptr);
         shmctl(nControlsHandle, IPC_RMID, nullptr);
     } else {
-        const int arrKeys[] = {cstWMctlSHMKey,     cstWMNamesSHMKey,   cstWMQueuesSHMKey,
-                               cstWMPRListSHMKey,  cstWMUIDListSHMKey, cstWMDDSATSHMKey};
+        const int arrKeys[] = {cstWMctlSHMKey,    cstWMNamesSHMKey,   cstWMQueuesSHMKey,
+                               cstWMPRListSHMKey, cstWMUIDListSHMKey, cstWMDDSATSHMKey};
         for (int nKey : arrKeys) {
             int nId = shmget(nKey, 0, 0666);
             if (nId >= 0) shmctl(nId, IPC_RMID, nullptr);

@@ -4,10 +4,11 @@
 // Each public operation records the calling process and kernel thread, writes
 // an entry trace line when tracing is on, and ends in _Return, which detaches
 // the two per-call segments (Queues, PRLs) unless the call is nested inside
-// another operation of the same object. Internal failures go through _Failed,
-// which releases both locks on the spot, so that no failure path can leave
-// the Controls lock held. Everything here works on the object's own members
-// (one object is used by one thread at a time) and takes no lock.
+// another operation of the same object or the host sets WM_KeepAttached.
+// Internal failures go through _Failed, which releases both locks on the
+// spot, so that no failure path can leave the Controls lock held. Everything
+// here works on the object's own members (one object is used by one thread at
+// a time) and takes no lock.
 #include <sys/shm.h>
 
 #include <cerrno>
@@ -86,10 +87,10 @@ void CWorkMessages::_Failedf(long nErrorCode, int nErrNo, const char* szFormat, 
 
 long CWorkMessages::_Return(long nCode) {
     if (!bInternalCall) {
-        if (qvwm::Attached(pWQCF)) shmdt(pWQCF);
-        if (qvwm::Attached(pPRLL)) shmdt(pPRLL);
-        pWQCF = nullptr;
-        pPRLL = nullptr;
+        // With WM_KeepAttached the mappings stay for the next call, which
+        // reuses them while the published handles are unchanged.
+        qvwm::UnmapSegment(pWQCF, pQueuesMap, nQueuesMapHandle, bKeepAttached);
+        qvwm::UnmapSegment(pPRLL, pPRLMap, nPRLMapHandle, bKeepAttached);
     }
     return nCode;
 }

@@ -3,11 +3,13 @@
 #ifndef QV_WM_INTERNAL_H
 #define QV_WM_INTERNAL_H
 
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <utility>
@@ -69,6 +71,57 @@ inline void* ShmFailed() {
 // True when p is a usable attachment (neither null nor shmat's failure value).
 inline bool Attached(const void* p) {
     return p != nullptr && p != ShmFailed();
+}
+
+// The per-call segments (Queues, PRLs). pUse is the pointer the operations
+// work through (pWQCF, pPRLL); pMap is the mapping that _GetPointers made and
+// nMapHandle the segment ID it was made for.
+//
+// Points pUse at a mapping of segment nHandle, reusing pMap when it is that
+// segment; *pbFresh is set when a new mapping was made. False (pUse null,
+// errno set) when the segment cannot be attached.
+template <class T>
+bool MapSegment(T*& pUse, T*& pMap, int& nMapHandle, int nHandle, bool* pbFresh) {
+    // A mapping made elsewhere (by the constructor, or by this object's own
+    // growth of the table) is not reused: it is detached as ever.
+    if (Attached(pUse) && pUse != pMap) shmdt(pUse);
+    pUse = nullptr;
+    if (Attached(pMap)) {
+        // A segment that is still attached cannot be destroyed, so while
+        // pMap is kept its ID cannot be handed to a new segment: an unchanged
+        // handle names the very segment pMap maps.
+        if (nMapHandle == nHandle) {
+            pUse = pMap;
+            return true;
+        }
+        shmdt(pMap); // replaced by another process: let the old one go
+    }
+    pMap = nullptr;
+    nMapHandle = -1;
+    // A handle of 0 was never made (a construction that failed early):
+    // whatever segment has that ID is not ours.
+    void* p = nHandle == 0 ? ShmFailed() : shmat(nHandle, nullptr, 0);
+    if (p == ShmFailed()) {
+        if (nHandle == 0) errno = EINVAL;
+        return false;
+    }
+    pUse = pMap = static_cast<T*>(p);
+    nMapHandle = nHandle;
+    if (pbFresh != nullptr) *pbFresh = true;
+    return true;
+}
+
+// Ends a call's use of a per-call segment: pUse becomes null. With bKeep the
+// mapping pMap stays for the next call (anything else pUse held is
+// detached); without it pMap and pUse are both detached.
+template <class T> void UnmapSegment(T*& pUse, T*& pMap, int& nMapHandle, bool bKeep) {
+    if (Attached(pUse) && (pUse != pMap || !bKeep)) shmdt(pUse);
+    if (!bKeep) {
+        if (Attached(pMap) && pMap != pUse) shmdt(pMap);
+        pMap = nullptr;
+        nMapHandle = -1;
+    }
+    pUse = nullptr;
 }
 
 // An address as printed by trace lines with "%.08lX": eight hex digits on

@@ -35,6 +35,7 @@ namespace {
 const long kNoBoundLIFO = 0x7FFFFFFFL; // exclusive bounds: IDs 1 to 0x7FFFFFFE
 const long kNoBoundFIFO = 0L;
 const long kStepUsecs = 250000L; // one look, then one sleep, per step
+const long kSlotsPerPage = 4096 / static_cast<long>(sizeof(_WQCF_));
 
 // Type range: no upper bound passes every type, whatever the lower bound;
 // otherwise both bounds are inclusive and a lower bound of -1 is open.
@@ -246,6 +247,7 @@ long CWorkMessages::_GetNextMessage(long nUID, WQCFstates ctlState, long nMsgNoL
                                     long nCurrentMessage) {
     _TraceEntry("_GetNextMessage");
     if (!qvwm::Attached(pWQCF)) return M_NONE;
+    _PrefaultQueues(); // every slot is read
     // Oldest first: the smallest ID above the bound; on equal IDs the lower
     // slot wins. IDs compare as signed 32-bit numbers, both bounds exclusive.
     long nBest = kNoBoundLIFO;
@@ -267,6 +269,7 @@ long CWorkMessages::_GetNextMessage_R(long nUID, WQCFstates ctlState, long nMsgN
                                       long nCurrentMessage) {
     _TraceEntry("_GetNextMessage_R");
     if (!qvwm::Attached(pWQCF)) return M_NONE;
+    _PrefaultQueues(); // every slot is read
     // Newest first: the largest ID below the bound; on equal IDs the higher
     // slot wins.
     long nBest = kNoBoundFIFO;
@@ -292,6 +295,9 @@ long CWorkMessages::_SearchMSGID(long nMID) {
     long nFound = M_MSGID;
     const long nCount = pSMCtlrs->nQSlotCount;
     for (long i = 0; i < nCount; ++i) {
+        // A search that goes past the first page may read the whole table:
+        // its pages are mapped in one go rather than one fault at a time.
+        if (i == kSlotsPerPage) _PrefaultQueues();
         if (pWQCF[i].nflag != WQCF_Available && pWQCF[i].nMessageID == nMID) {
             nFound = i;
             break;

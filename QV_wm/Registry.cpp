@@ -278,6 +278,9 @@ long CWorkMessages::_AllocatePRL(long nCount, bool bRealloc) {
             pOld = pPRLL;
             nOldCount = pSMCtlrs->nPRLSlotCount;
         }
+        // The old mapping is detached below, whatever happens: it may be the
+        // one _GetPointers keeps for reuse.
+        if (pPRLMap == pPRLL) pPRLMap = nullptr;
         pPRLL = nullptr;
     }
 

@@ -93,6 +93,7 @@ long CWorkMessages::Send(long nUID, const char* pMname, WorkMsg* wMsg, bool bHiP
         // The slot is looked for even for an unknown name, so a full table
         // grows either way. A failed growth reported its own text, so its
         // code replaces the name's to keep code and text together.
+        _PrefaultQueues(); // the ID check below reads every slot
         const long nFree = _GetWQCFSlot();
         if (nFree < 0) nResult = nFree;
         nSlot = nFree;

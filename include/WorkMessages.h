@@ -68,10 +68,10 @@ enum WQCFstates {
 // The Controls segment: handles and counts of the other five segments, the
 // message counter and the Controls lock.
 typedef struct _SM_Controls_ {
-    int32_t Lock;          // -1 when created; unused
-    uint32_t ThreadID;     // 0; unused
-    int32_t nMsgCounter;   // next message ID
-    int32_t nNamesHandle;  // shm IDs of the segments (0: never created)
+    int32_t Lock;         // -1 when created; unused
+    uint32_t ThreadID;    // 0; unused
+    int32_t nMsgCounter;  // next message ID
+    int32_t nNamesHandle; // shm IDs of the segments (0: never created)
     int32_t nUIDsHandle;
     int32_t nQueuesHandle;
     int32_t nPRListHandle;
@@ -90,40 +90,40 @@ typedef struct _SM_Controls_ {
 
 // One control slot; also the record of the control file.
 typedef struct _WQCF_ {
-    ByteInt nflag;             // WQCFstates; 0 = free
+    ByteInt nflag; // WQCFstates; 0 = free
     ByteInt nResponse;
     ByteInt nResponseRequired;
-    ByteInt nUserFlags;        // set by Retry, handed to the retry receiver
-    int32_t nMessageID;        // high priority: low 24 bits only
+    ByteInt nUserFlags; // set by Retry, handed to the retry receiver
+    int32_t nMessageID; // high priority: low 24 bits only
     int32_t nTargetUID;
     int32_t nSenderUID;
-    int32_t nMsgNo;            // message type number
+    int32_t nMsgNo; // message type number
     int32_t nTimeSent;
-    int32_t nTimePosted;       // first delivery; 0 until then
-    int32_t nTimeRetry;        // last delivery by a retry receive
-    int32_t nDepDataLength;    // 0 to 8192
-    int32_t nDepDataSlot;      // data slot, -1 for none
+    int32_t nTimePosted;    // first delivery; 0 until then
+    int32_t nTimeRetry;     // last delivery by a retry receive
+    int32_t nDepDataLength; // 0 to 8192
+    int32_t nDepDataSlot;   // data slot, -1 for none
     ByteInt nCBnotified;
-    ByteInt xMsgMask;          // high priority: the ID's top byte
+    ByteInt xMsgMask; // high priority: the ID's top byte
     ByteInt nReserved[2];
     int32_t nReserved1[5];
-} *pWQControl;
+} * pWQControl;
 
 // Header record of the control file.
 typedef struct _WQCF_CTL_ {
     int32_t nEntriesAllocated; // slot count when last written
     int32_t nCurrentMsgID;     // next message ID
     char notUsed[56];
-} *pqControl;
+} * pqControl;
 
 // One receiver registration (PRLs segment; never written to a file).
 typedef long (*WMCallback)(long);
 typedef struct _PRL_CTL_ {
-    int32_t nUID;       // receiver's process UID; 0 = free entry
-    int32_t nPID;       // OS process ID of the registering process
-    int32_t nMsgNo;     // message type number
-    uint32_t Callback;  // callback address, low 32 bits (see GetCallback)
-    ByteInt bUseLIFO;   // deliver newest first
+    int32_t nUID;      // receiver's process UID; 0 = free entry
+    int32_t nPID;      // OS process ID of the registering process
+    int32_t nMsgNo;    // message type number
+    uint32_t Callback; // callback address, low 32 bits (see GetCallback)
+    ByteInt bUseLIFO;  // deliver newest first
     ByteInt Reserved_1[3];
     int32_t Reserved_4[3];
 
@@ -143,7 +143,7 @@ typedef struct _PRL_CTL_ {
         if (sizeof(void*) > 4) Reserved_4[0] = static_cast<int32_t>(nAddr >> 32);
     }
     bool HasCallback() const { return GetCallback() != nullptr; }
-} *pPRLlist;
+} * pPRLlist;
 
 // One message type (Names Table), filled from the names file.
 typedef struct _WQCONF_ {
@@ -151,7 +151,7 @@ typedef struct _WQCONF_ {
     char szName[9];
     char szDesc[33];
     char nPad[2];
-} *pWMNames;
+} * pWMNames;
 
 // One process (Unique IDs table), filled from the process-UID file.
 typedef struct _PRUID_ {
@@ -160,27 +160,34 @@ typedef struct _PRUID_ {
     char szName[9];
     char szDesc[33];
     char nPad[1];
-} *pUIDlist;
+} * pUIDlist;
 
 // Slot counts of the shared records. Changing any of these breaks the
 // stored files or the peers attached to the segments.
 static_assert(sizeof(_SM_Controls_) == 128 + sizeof(pthread_mutex_t),
               "Controls record: 128 bytes of fields, then the native mutex");
 static_assert(offsetof(_SM_Controls_, nMsgCounter) == 8, "Controls layout is shared by all peers");
-static_assert(offsetof(_SM_Controls_, nNamesHandle) == 12, "Controls layout is shared by all peers");
+static_assert(offsetof(_SM_Controls_, nNamesHandle) == 12,
+              "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, nUIDsHandle) == 16, "Controls layout is shared by all peers");
-static_assert(offsetof(_SM_Controls_, nQueuesHandle) == 20, "Controls layout is shared by all peers");
-static_assert(offsetof(_SM_Controls_, nPRListHandle) == 24, "Controls layout is shared by all peers");
-static_assert(offsetof(_SM_Controls_, nDDSATHandle) == 28, "Controls layout is shared by all peers");
+static_assert(offsetof(_SM_Controls_, nQueuesHandle) == 20,
+              "Controls layout is shared by all peers");
+static_assert(offsetof(_SM_Controls_, nPRListHandle) == 24,
+              "Controls layout is shared by all peers");
+static_assert(offsetof(_SM_Controls_, nDDSATHandle) == 28,
+              "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, nQNameCount) == 32, "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, nUIDsCount) == 36, "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, nQSlotCount) == 40, "Controls layout is shared by all peers");
-static_assert(offsetof(_SM_Controls_, nPRLSlotCount) == 44, "Controls layout is shared by all peers");
-static_assert(offsetof(_SM_Controls_, nLastCleanup) == 48, "Controls layout is shared by all peers");
+static_assert(offsetof(_SM_Controls_, nPRLSlotCount) == 44,
+              "Controls layout is shared by all peers");
+static_assert(offsetof(_SM_Controls_, nLastCleanup) == 48,
+              "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, nXtnRate) == 52, "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, Reserved) == 56, "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, MutexCtlrs) == 128, "the mutex follows the 128 field bytes");
-static_assert(offsetof(_SM_Controls_, MutexCtlrs) + offsetof(pthread_mutex_t, __data.__owner) == 136,
+static_assert(offsetof(_SM_Controls_, MutexCtlrs) + offsetof(pthread_mutex_t, __data.__owner) ==
+                  136,
               "the lock owner is read at segment offset 136 by every peer");
 #if defined(__i386__)
 static_assert(sizeof(_SM_Controls_) == 152, "i386 Controls segment is 152 bytes");
@@ -244,7 +251,8 @@ typedef struct Message_Queue_ {
     time_t nTimeSent;
     time_t nTimePosted;
     time_t nTimeRetry;
-    long nDepDataLength; // Send: data length; Receive: buffer capacity in, needed length on M_TOOBIG
+    long
+        nDepDataLength; // Send: data length; Receive: buffer capacity in, needed length on M_TOOBIG
     void* pDepData;
 } WorkMsg;
 
@@ -252,22 +260,22 @@ typedef struct Message_Queue_ {
 typedef struct __GET_COUNTERS__ENTRY1 {
     long Counter;
     char MsgID[9];
-} *lpCountByTypes;
+} * lpCountByTypes;
 
 typedef struct __GET_COUNTERS__ENTRY2 {
     long Counter[5]; // slots in each state 0 to 4
-} *lpCountByStates;
+} * lpCountByStates;
 
 typedef struct __GET_COUNTERS__ENTRY3 {
     long TotalCount;
     long Counter[4]; // states 1 to 4
     char MsgID[9];
-} *lpCountByTsAndSs;
+} * lpCountByTsAndSs;
 
 typedef struct __GET_COUNTERS__ENTRY4 {
     long Counter;
     char UID[9];
-} *lpCountByUID;
+} * lpCountByUID;
 
 // Exported for compatibility; does nothing.
 extern "C" void _PostCallback(int nSigno);
@@ -374,6 +382,18 @@ private:
     char szTrace[512];
     pqControl pQctl;
     long nCallbackCount;
+    // The per-call segments: the mappings _GetPointers made and the segment
+    // IDs they were made for, reused while the published handle is unchanged.
+    // _Return detaches them at the end of every top-level call, unless
+    // WM_KeepAttached (bKeepAttached) keeps them for the next one; either
+    // way _Return leaves pWQCF and pPRLL null. bQueuesFresh: the Queues
+    // mapping has no page tables yet (see _PrefaultQueues).
+    bool bKeepAttached;
+    pWQControl pQueuesMap;
+    int nQueuesMapHandle;
+    pPRLlist pPRLMap;
+    int nPRLMapHandle;
+    bool bQueuesFresh;
 
     // Frame and reporting (Frame.cpp).
     void _RecordCaller();
@@ -413,6 +433,7 @@ private:
 
     // Control table (ControlTable.cpp).
     long _GetPointers();
+    void _PrefaultQueues();
     long _GetWQCFSlot();
     long _ResizeWQCF(long nSize, bool bCountNotIncr);
     long _AllocateQueues(long nCount, bool bRealloc);
