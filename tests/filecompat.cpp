@@ -25,7 +25,8 @@ const long kFrom = 101, kTo = 102;
 
 std::string Pattern(int i) {
     std::string s(static_cast<size_t>((i * 211) % (WM_MAX_DEPDATA + 1)), '\0');
-    for (size_t k = 0; k < s.size(); ++k) s[k] = static_cast<char>((i * 31 + k * 7) & 0xFF);
+    for (size_t k = 0; k < s.size(); ++k)
+        s[k] = static_cast<char>((i * 31 + k * 7) & 0xFF);
     return s;
 }
 
@@ -40,7 +41,8 @@ void SetUp(const std::string& root) {
     for (const char* d : {"/Dev", "/Dev/control", "/Dev/control/appconf", "/Dev/data",
                           "/Dev/data/msgq", "/Dev/data/rmsgq"})
         mkdir((root + d).c_str(), 0775);
-    Write(root + "/gdda.conf", "[Global]\nLevel=Dev\nRoot=" + root + "\n[Dev]\nWM_Timeout_Secs=2\n");
+    Write(root + "/gdda.conf",
+          "[Global]\nLevel=Dev\nRoot=" + root + "\n[Dev]\nWM_Timeout_Secs=2\n");
     Write(root + "/Dev/control/appconf/WorkMsg.ini",
           "NAME=ORDER,ID=1,DESC=Order\nNAME=INVOICE,ID=2,DESC=Invoice\n");
     Write(root + "/Dev/control/appconf/ProcessUID.ini",
@@ -87,8 +89,8 @@ int DoRead() {
     __GET_COUNTERS__ENTRY2 st;
     wm.GetCounters(&st);
     if (st.Counter[1] != kCount - 4 || st.Counter[2] != 3 || st.Counter[3] != 1) {
-        fprintf(stderr, "wm_filecompat: states %ld pending %ld received %ld retry\n",
-                st.Counter[1], st.Counter[2], st.Counter[3]);
+        fprintf(stderr, "wm_filecompat: states %ld pending %ld received %ld retry\n", st.Counter[1],
+                st.Counter[2], st.Counter[3]);
         return 1;
     }
     if (long rc = wm.SetInput(kTo, "ORDER", nullptr, false)) return Fail("SetInput", rc, wm);
@@ -108,7 +110,8 @@ int DoRead() {
         for (int i = 0; i < kCount && found < 0; ++i) {
             std::string p = Pattern(i);
             if (static_cast<long>(m.nMsgNo) == (i % 2 ? 2 : 1) &&
-                memcmp(buf, p.data(), p.size()) == 0 && (p.size() == sizeof(buf) || buf[p.size()] == 0))
+                memcmp(buf, p.data(), p.size()) == 0 &&
+                (p.size() == sizeof(buf) || buf[p.size()] == 0))
                 found = i;
         }
         if (found < 0 || m.nSenderUID != kFrom) {
