@@ -48,6 +48,22 @@ long CWorkMessages::_FindMessage(long nMessageID) {
     return nSlot;
 }
 
+// Frees the data of the message in slot nSlot and clears the slot, both
+// written through. The data goes first: if it cannot be freed the message
+// stays whole. A free slot reads as zeros, so its data slot field says 0
+// without owning data slot 0: only a message in use owns its data slot, and a
+// number outside the data store (a damaged slot) is never passed on.
+// *pnDataSlot gets the data slot the message held (-1 for none).
+long CWorkMessages::_ClearSlot(long nSlot, long* pnDataSlot) {
+    *pnDataSlot = pWQCF[nSlot].nflag != WQCF_Available ? pWQCF[nSlot].nDepDataSlot : -1;
+    long nResult = M_OK;
+    if (qvwm::IsDataSlot(*pnDataSlot))
+        nResult = _UpdateWDDF(wddfDELETE, static_cast<int>(*pnDataSlot), 0, nullptr);
+    if (nResult != M_OK) return nResult;
+    memset(static_cast<void*>(&pWQCF[nSlot]), 0, sizeof(_WQCF_));
+    return _UpdateWQCF(nSlot, false);
+}
+
 long CWorkMessages::Delete(long nUID, long nMessageID) {
     _RecordCaller();
     _TraceEntry("Delete");
@@ -61,19 +77,10 @@ long CWorkMessages::Delete(long nUID, long nMessageID) {
     const long nSlot = _FindMessage(nMessageID);
     long nResult = nSlot < 0 ? nSlot : 0L;
     long nDataSlot = -1;
-    if (nResult == M_OK) {
-        nDataSlot = pWQCF[nSlot].nDepDataSlot;
-        // The data goes first: if it cannot be freed the message stays whole.
-        if (qvwm::IsDataSlot(nDataSlot))
-            nResult = _UpdateWDDF(wddfDELETE, static_cast<int>(nDataSlot), 0, nullptr);
-    }
-    if (nResult == M_OK) {
-        memset(static_cast<void*>(&pWQCF[nSlot]), 0, sizeof(_WQCF_));
-        nResult = _UpdateWQCF(nSlot, false);
-        if (nResult == M_OK)
-            _Trace("Delete request completed. MsgID: %.08X, Ctl slot:%ld, Data slot:%ld",
-                   static_cast<unsigned int>(nMessageID), nSlot, nDataSlot);
-    }
+    if (nResult == M_OK) nResult = _ClearSlot(nSlot, &nDataSlot);
+    if (nResult == M_OK)
+        _Trace("Delete request completed. MsgID: %.08X, Ctl slot:%ld, Data slot:%ld",
+               static_cast<unsigned int>(nMessageID), nSlot, nDataSlot);
 
     if (!bInternalCall) _FreeControlsLock(true);
     return _Return(nResult);

@@ -54,17 +54,7 @@ long CWorkMessages::__DeleteSlot(long nSlot) {
         nResult = OutsideTable(szErrorMsg, nSlot, pSMCtlrs->nQSlotCount);
     long nDataSlot = kNotSet;
     if (nResult == M_OK) {
-        // A free slot reads as zeros, so its data slot field says 0 without
-        // owning data slot 0; only a message in use owns its data slot. A
-        // number outside the data store (a damaged slot) is never passed on.
-        const _WQCF_& slot = pWQCF[nSlot];
-        if (slot.nflag != WQCF_Available) nDataSlot = slot.nDepDataSlot;
-        if (qvwm::IsDataSlot(nDataSlot))
-            nResult = _UpdateWDDF(wddfDELETE, static_cast<int>(nDataSlot), 0, nullptr);
-    }
-    if (nResult == M_OK) {
-        memset(static_cast<void*>(&pWQCF[nSlot]), 0, sizeof(_WQCF_));
-        nResult = _UpdateWQCF(nSlot, false);
+        nResult = _ClearSlot(nSlot, &nDataSlot);
         // The data slot shown is the one the message held: -1 for none, and
         // for a slot that held no message.
         if (nResult == M_OK)

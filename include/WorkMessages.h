@@ -463,6 +463,7 @@ private:
 
     // Delete, Reject, Retry (Delete.cpp).
     long _FindMessage(long nMessageID);
+    long _ClearSlot(long nSlot, long* pnDataSlot);
 };
 
 #endif
