@@ -68,30 +68,33 @@ long CountRows(Row* pRows, long nSlots, Name name, Lookup lookup, Table table, M
     return bAllEmpty ? static_cast<long>(M_NONE) : nResult;
 }
 
-void NoRows(char (&szErrorMsg)[512]) {
-    snprintf(szErrorMsg, sizeof(szErrorMsg),
-             "WorkMsg object: GetCounters needs an array of counter rows (null given)");
-}
-
 } // namespace
 
-// A null array is a caller's fault with no code of its own: it is refused
-// with the general failure code and a text, before any lock, and nothing is
-// touched (the "nothing counted" answer M_NONE would hide the mistake). The
-// same holds for every overload.
-
-long CWorkMessages::GetCounters(lpCountByTypes lpCounts) {
+// The common entry of the four overloads: records the caller, refuses a null
+// array, takes the lock, re-attaches and reads the slot count once, under the
+// lock, with the attachment it belongs to; then releases the lock, so that the
+// counting runs without it. A null array is a caller's fault with no code of
+// its own: it is refused with the general failure code and a text, before any
+// lock, and nothing is touched (the "nothing counted" answer M_NONE would
+// hide the mistake).
+long CWorkMessages::_CountersEntry(const void* lpCounts, long* pnSlots) {
     _RecordCaller();
     _TraceEntry("GetCounters");
     if (lpCounts == nullptr) {
-        NoRows(szErrorMsg);
+        snprintf(szErrorMsg, sizeof(szErrorMsg),
+                 "WorkMsg object: GetCounters needs an array of counter rows (null given)");
         return M_SYSERR;
     }
-    if (!bInternalCall && !_GetControlsLock(nLockTimeOut)) return _Return(M_LOCK);
-    long nResult = _GetPointers();
-    // Read once, under the lock, with the attachment it belongs to.
-    const long nSlots = nResult == M_OK ? pSMCtlrs->nQSlotCount : 0;
+    if (!bInternalCall && !_GetControlsLock(nLockTimeOut)) return M_LOCK;
+    const long nResult = _GetPointers();
+    *pnSlots = nResult == M_OK ? pSMCtlrs->nQSlotCount : 0;
     if (!bInternalCall) _FreeControlsLock(true);
+    return nResult;
+}
+
+long CWorkMessages::GetCounters(lpCountByTypes lpCounts) {
+    long nSlots = 0;
+    long nResult = _CountersEntry(lpCounts, &nSlots);
     if (nResult != M_OK) return _Return(nResult);
 
     const _WQCF_* pTable = pWQCF;
@@ -106,17 +109,11 @@ long CWorkMessages::GetCounters(lpCountByTypes lpCounts) {
 }
 
 long CWorkMessages::GetCounters(lpCountByStates lpCounts) {
-    _RecordCaller();
-    _TraceEntry("GetCounters");
-    if (lpCounts == nullptr) {
-        NoRows(szErrorMsg);
-        return M_SYSERR;
-    }
-    if (!bInternalCall && !_GetControlsLock(nLockTimeOut)) return _Return(M_LOCK);
-    const long nResult = _GetPointers();
-    const long nSlots = nResult == M_OK ? pSMCtlrs->nQSlotCount : 0;
-    if (!bInternalCall) _FreeControlsLock(true);
-
+    long nSlots = 0;
+    const long nResult = _CountersEntry(lpCounts, &nSlots);
+    // Rows the call could not reach stay untouched; once the lock was had,
+    // the counters are set, to zero if the table could not be attached.
+    if (nResult == M_LOCK || lpCounts == nullptr) return _Return(nResult);
     for (long& nCounter : lpCounts->Counter)
         nCounter = 0;
     if (nResult != M_OK) return _Return(nResult);
@@ -134,16 +131,8 @@ long CWorkMessages::GetCounters(lpCountByStates lpCounts) {
 }
 
 long CWorkMessages::GetCounters(lpCountByTsAndSs lpCounts) {
-    _RecordCaller();
-    _TraceEntry("GetCounters");
-    if (lpCounts == nullptr) {
-        NoRows(szErrorMsg);
-        return M_SYSERR;
-    }
-    if (!bInternalCall && !_GetControlsLock(nLockTimeOut)) return _Return(M_LOCK);
-    long nResult = _GetPointers();
-    const long nSlots = nResult == M_OK ? pSMCtlrs->nQSlotCount : 0;
-    if (!bInternalCall) _FreeControlsLock(true);
+    long nSlots = 0;
+    long nResult = _CountersEntry(lpCounts, &nSlots);
     if (nResult != M_OK) return _Return(nResult);
 
     const _WQCF_* pTable = pWQCF;
@@ -165,16 +154,8 @@ long CWorkMessages::GetCounters(lpCountByTsAndSs lpCounts) {
 }
 
 long CWorkMessages::GetCounters(lpCountByUID lpCounts, bool bTargets) {
-    _RecordCaller();
-    _TraceEntry("GetCounters");
-    if (lpCounts == nullptr) {
-        NoRows(szErrorMsg);
-        return M_SYSERR;
-    }
-    if (!bInternalCall && !_GetControlsLock(nLockTimeOut)) return _Return(M_LOCK);
-    long nResult = _GetPointers();
-    const long nSlots = nResult == M_OK ? pSMCtlrs->nQSlotCount : 0;
-    if (!bInternalCall) _FreeControlsLock(true);
+    long nSlots = 0;
+    long nResult = _CountersEntry(lpCounts, &nSlots);
     if (nResult != M_OK) return _Return(nResult);
 
     // Each GetUID re-attaches the Queues segment (it runs _GetPointers), so

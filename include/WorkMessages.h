@@ -461,6 +461,9 @@ private:
                            long nCurrentMessage);
     long _SearchMSGID(long nMID);
 
+    // Counters (Counters.cpp).
+    long _CountersEntry(const void* lpCounts, long* pnSlots);
+
     // Delete, Reject, Retry (Delete.cpp).
     long _FindMessage(long nMessageID);
     long _ClearSlot(long nSlot, long* pnDataSlot);
