@@ -6,7 +6,6 @@
 // writes with one system call; the version text lives in a per-thread
 // buffer), so every one of them may be called from any thread, also while
 // the caller holds a lock of its own. Each keeps the caller's errno.
-#define _FILE_OFFSET_BITS 64 // fstat must report every inode on -m32 builds too
 
 #include "GPLibrary.h"
 

@@ -169,6 +169,11 @@ int WaitChild(pid_t pid) {
     return -1;
 }
 
+std::string Emulator() {
+    const char* emu = getenv("QV_WM_EMULATOR");
+    return emu ? emu : "";
+}
+
 int RunChild(const std::function<int()>& fn) {
     return WaitChild(StartChild(fn));
 }

@@ -55,6 +55,11 @@ int SegmentId(int key);
 // Size in bytes and attach count of the segment under key; false if none.
 bool SegmentInfo(int key, size_t* size, long* nattch);
 
+// The emulator that starts this build's programs (QV_WM_EMULATOR, set by
+// CTest when the i386 build runs emulated), or "" when they run natively.
+// A test that execs a program of the build puts it first.
+std::string Emulator();
+
 // Runs fn in a forked child; returns its exit code (or 128 + signal).
 int RunChild(const std::function<int()>& fn);
 pid_t StartChild(const std::function<int()>& fn);

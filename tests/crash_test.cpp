@@ -89,7 +89,7 @@ std::string CrashTest::Wmctl(const std::string& args) {
     const char* dir = getenv("QV_WM_BINARY_DIR");
     const std::string tool = std::string(dir ? dir : "") + "/tools/wmctl";
     if (dir == nullptr || access(tool.c_str(), X_OK) != 0) return "";
-    const std::string cmd = tool + " " + args + " > " + root + "/wmctl.out 2>&1";
+    const std::string cmd = Emulator() + " " + tool + " " + args + " > " + root + "/wmctl.out 2>&1";
     return system(cmd.c_str()) >= 0 ? ReadFile(root + "/wmctl.out") : "";
 }
 
@@ -277,7 +277,9 @@ TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
     for (const auto& [nKey, r] : sent)
         EXPECT_TRUE(received.count(nKey) == 1 || left.count(nKey) == 1)
             << "lost: " << nKey << " from " << r.nSender << " seq " << r.nSeq;
-    EXPECT_GT(received.size(), 1000u);
+    // The run did real work. Under the emulator every process runs about ten
+    // times slower, so the same six seconds carry fewer messages.
+    EXPECT_GT(received.size(), Emulator().empty() ? 1000u : 100u);
 }
 
 TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {

@@ -2,7 +2,7 @@
 # Installs the build tree into a temporary prefix and builds two small
 # consumers against it: one with pkg-config, one with find_package(QV_wm).
 set -euo pipefail
-build=$1 cxx=$2 arch=${3:-}
+build=$1 cxx=$2 arch=${3:-} emu=${4:-} # emu: the emulator for this build's programs, if any
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
@@ -14,7 +14,7 @@ CPP
 export PKG_CONFIG_PATH="$tmp/prefix/lib/pkgconfig"
 # shellcheck disable=SC2046
 "$cxx" $arch "$tmp/prog.cpp" -o "$tmp/prog" $(pkg-config --cflags --libs QV_wm)
-"$tmp/prog"
+$emu "$tmp/prog"
 
 mkdir "$tmp/cm"
 cat >"$tmp/cm/CMakeLists.txt" <<'CM'
@@ -27,5 +27,5 @@ CM
 cmake -S "$tmp/cm" -B "$tmp/cm/build" -DCMAKE_PREFIX_PATH="$tmp/prefix" \
   -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$arch" -DCMAKE_EXE_LINKER_FLAGS="$arch" >/dev/null
 cmake --build "$tmp/cm/build" >/dev/null
-"$tmp/cm/build/prog2"
+$emu "$tmp/cm/build/prog2"
 echo "install_consumer: pkg-config and find_package consumers built and ran"

@@ -263,10 +263,22 @@ void StressTest::CheckEmpty(CWorkMessages& wm) {
 }
 
 TEST_F(StressTest, ProcessesExchangeEveryMessageExactlyOnce) {
-    Run(false, 5000);
+    // Under the emulator every call is about ten times slower: a fifth of the
+    // messages still grows the table several times and fits the time limit.
+    const int nPerSender = Emulator().empty() ? 5000 : 1000;
+    if (nPerSender != 5000)
+        fprintf(stderr, "[   NOTE   ] sized for the emulator: %d messages per sender\n",
+                nPerSender);
+    Run(false, nPerSender);
 }
 
 TEST_F(StressTest, ThreadsWithAnObjectEachExchangeEveryMessageExactlyOnce) {
+    // The user-mode emulator keeps 32 shared-memory attachments per process
+    // in its books; past that every attach leaks guest address space until
+    // shmat fails. Ten objects in one process hold far more than 32.
+    if (!Emulator().empty())
+        GTEST_SKIP() << "skipped under the emulator: ten objects in one process exceed its "
+                        "32 shared-memory attachments per process";
     Run(true, 5000);
 }
 

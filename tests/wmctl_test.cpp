@@ -50,6 +50,7 @@ protected:
         const std::string io = root + "/io.";
         WriteFile(io + "in", in);
         std::vector<std::string> args = {WmctlPath()};
+        if (!Emulator().empty()) args.insert(args.begin(), Emulator());
         std::istringstream words(cmdline);
         for (std::string w; words >> w;)
             args.push_back(w);
