@@ -101,7 +101,7 @@ long CWorkMessages::GetCounters(lpCountByTypes lpCounts) {
     nResult = CountRows<sizeof(lpCounts->MsgID)>(
         lpCounts, nSlots,
         [](const __GET_COUNTERS__ENTRY1& r) -> const char(&)[9] { return r.MsgID; },
-        [this](const char* szName) { return Translate(szName); }, [pTable] { return pTable; },
+        [this](const char* szName) { return _TypeNumber(szName); }, [pTable] { return pTable; },
         [](const _WQCF_& slot, long nMsgNo) { return slot.nMsgNo == nMsgNo; },
         [](__GET_COUNTERS__ENTRY1& r, const _WQCF_&) { ++r.Counter; },
         [](__GET_COUNTERS__ENTRY1& r) { r.Counter = -1; });
@@ -139,7 +139,7 @@ long CWorkMessages::GetCounters(lpCountByTsAndSs lpCounts) {
     nResult = CountRows<sizeof(lpCounts->MsgID)>(
         lpCounts, nSlots,
         [](const __GET_COUNTERS__ENTRY3& r) -> const char(&)[9] { return r.MsgID; },
-        [this](const char* szName) { return Translate(szName); }, [pTable] { return pTable; },
+        [this](const char* szName) { return _TypeNumber(szName); }, [pTable] { return pTable; },
         [](const _WQCF_& slot, long nMsgNo) { return slot.nMsgNo == nMsgNo; },
         [](__GET_COUNTERS__ENTRY3& r, const _WQCF_& slot) {
             ++r.TotalCount;
@@ -162,7 +162,7 @@ long CWorkMessages::GetCounters(lpCountByUID lpCounts, bool bTargets) {
     // the table is taken from pWQCF after every lookup, never kept across one.
     nResult = CountRows<sizeof(lpCounts->UID)>(
         lpCounts, nSlots, [](const __GET_COUNTERS__ENTRY4& r) -> const char(&)[9] { return r.UID; },
-        [this](const char* szName) { return GetUID(szName, nullptr); },
+        [this](const char* szName) { return _ProcessNumber(szName); },
         [this]() -> const _WQCF_* { return qvwm::Attached(pWQCF) ? pWQCF : nullptr; },
         [bTargets](const _WQCF_& slot, long nUID) {
             return (bTargets ? slot.nTargetUID : slot.nSenderUID) == nUID;

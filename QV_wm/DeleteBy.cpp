@@ -80,15 +80,15 @@ long CWorkMessages::DeleteBy(long nDaysOld, LPCSZ lpszTarget, LPCSZ lpszSender, 
     // string is a name like any other. A negative answer (a code) ends the
     // call before anything is deleted, and the count is left as it was.
     if (lpszTarget != nullptr) {
-        nTargetUID = GetUID(lpszTarget, nullptr);
+        nTargetUID = _ProcessNumber(lpszTarget);
         if (nTargetUID < 0) nResult = nTargetUID;
     }
     if (nResult == M_OK && lpszSender != nullptr) {
-        nSenderUID = GetUID(lpszSender, nullptr);
+        nSenderUID = _ProcessNumber(lpszSender);
         if (nSenderUID < 0) nResult = nSenderUID;
     }
     if (nResult == M_OK && lpszMsgNo != nullptr) {
-        nMsgNo = Translate(lpszMsgNo);
+        nMsgNo = _TypeNumber(lpszMsgNo);
         if (nMsgNo < 0) nResult = nMsgNo;
     }
     if (nResult != M_OK) return _Return(nResult);

@@ -359,16 +359,7 @@ long CWorkMessages::Translate(const char* pMname) {
                  pMname);
         return M_NAME;
     }
-    // Every caller takes a negative answer for a failure code, so a type
-    // that the names file numbers below 0 can't be used by name at all: say
-    // so, rather than hand out a number that reads as a code without a text.
-    if (pRow->nID < 0) {
-        snprintf(szErrorMsg, sizeof(szErrorMsg),
-                 "WorkMsg object: WorkMsg '%s' has the negative number %ld in the names file",
-                 pMname, static_cast<long>(pRow->nID));
-        return M_NAME;
-    }
-    return pRow->nID;
+    return pRow->nID; // what the table holds, negative or not
 }
 
 char* CWorkMessages::Translate(long nMsgID, char* pMdesc) {
@@ -392,15 +383,9 @@ long CWorkMessages::GetUID(const char* pPname, char* pLogMsg) {
     long nResult = _GetPointers();
     if (nResult == 0) {
         const _PRUID_* pRow = _SearchUID(pPname);
-        if (pRow != nullptr && pRow->nUID < 0) {
-            // As for a type in Translate: a negative UID reads as a code.
-            snprintf(szErrorMsg, sizeof(szErrorMsg),
-                     "WorkMsg object: UID for %s is the negative number %ld in the process file",
-                     pPname, static_cast<long>(pRow->nUID));
-            nResult = M_NAME;
-        } else if (pRow != nullptr) {
+        if (pRow != nullptr) {
             if (pLogMsg != nullptr) *pLogMsg = pRow->cLogMsgID;
-            nResult = pRow->nUID;
+            nResult = pRow->nUID; // what the table holds, negative or not
         } else {
             snprintf(szErrorMsg, sizeof(szErrorMsg), "WorkMsg object: UID for %s was not found",
                      pPname);
@@ -429,4 +414,34 @@ char* CWorkMessages::GetUID(long nUID, char* pPdesc) {
     }
     if (!bInternalCall) _FreeControlsLock(true);
     return pResult;
+}
+
+// The operations that store or match a looked-up number read a negative
+// answer as a failure code. A number that the directory file itself makes
+// negative would be taken for a code without a text (ID=-100 reads as
+// M_NAME, ID=-1 as a wildcard of DeleteBy), so they refuse it by name. The
+// second search runs only after a negative answer, and tells the stored
+// number from a failure of the lookup: the tables never change once loaded.
+long CWorkMessages::_TypeNumber(const char* szMname) {
+    const long nID = Translate(szMname);
+    if (nID >= 0) return nID;
+    const _WQCONF_* pRow = _SearchName(szMname);
+    if (pRow == nullptr || pRow->nID >= 0) return nID; // a code, with its text
+    snprintf(szErrorMsg, sizeof(szErrorMsg),
+             "WorkMsg object: WorkMsg '%s' has the number %ld in the names file; a negative "
+             "number cannot be told from a result code",
+             szMname, static_cast<long>(pRow->nID));
+    return M_NAME;
+}
+
+long CWorkMessages::_ProcessNumber(const char* szPname) {
+    const long nUID = GetUID(szPname, nullptr);
+    if (nUID >= 0) return nUID;
+    const _PRUID_* pRow = _SearchUID(szPname);
+    if (pRow == nullptr || pRow->nUID >= 0) return nUID; // a code, with its text
+    snprintf(szErrorMsg, sizeof(szErrorMsg),
+             "WorkMsg object: UID for %s is %ld in the process file; a negative number cannot be "
+             "told from a result code",
+             szPname, static_cast<long>(pRow->nUID));
+    return M_NAME;
 }

@@ -86,7 +86,7 @@ long CWorkMessages::SetInput(long nUID, const char* szMname, long (*Callback)(lo
     long nResult = _GetPointers();
     long nID = M_OK;
     if (nResult == M_OK) {
-        nID = Translate(szMname);
+        nID = _TypeNumber(szMname);
         if (nID < 0) nResult = nID;
     }
     // UID 0 marks a free entry, so a registration under it could never be
@@ -163,7 +163,7 @@ long CWorkMessages::UnsetInput(long nUID, const char* szMname, long nPID) {
             if (pPRLL[i].nUID == nUID && pPRLL[i].nPID == nProcess) clearEntry(i);
         }
     } else if (nResult == M_OK) {
-        const long nID = Translate(szMname);
+        const long nID = _TypeNumber(szMname);
         long nSlot = nID;
         // A process ID wider than pid_t names no entry; M_NOTACT (no such
         // entry) is reported without a text.

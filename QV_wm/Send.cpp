@@ -86,7 +86,7 @@ long CWorkMessages::Send(long nUID, const char* pMname, WorkMsg* wMsg, bool bHiP
     _WQCF_ slot;
     memset(&slot, 0, sizeof(slot));
     if (nResult == M_OK) {
-        const long nMsgNo = Translate(pMname);
+        const long nMsgNo = _TypeNumber(pMname);
         if (bTrace) _Trace("Send %s request from %s.", pMname, _ProcessName(nUID).c_str());
         const time_t tNow = time(nullptr);
         if (nMsgNo < 0) nResult = nMsgNo;

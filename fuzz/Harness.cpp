@@ -142,9 +142,9 @@ void RoundTrip(CWorkMessages& wm) {
     Check(wm.Delete(103, r.nMessageID) == M_OK, "Delete", wm.szErrorMsg);
 }
 
-// Names and processes: every name finds its first row (M_NAME with a text
-// when that row's number is negative), and a reject file named after the
-// rows lands in the reject directory.
+// Names and processes: every name finds its first row's number; a negative
+// one is refused, with a text, by the operations that would use it; and a
+// reject file named after the rows lands in the reject directory.
 void UseDirectory(CWorkMessages& wm, Target t) {
     CWorkMessagesTestAccess acc(wm);
     const _SM_Controls_& ctl = *acc.Controls();
@@ -165,15 +165,19 @@ void UseDirectory(CWorkMessages& wm, Target t) {
                 break;
             }
         }
-        wm.szErrorMsg[0] = '\0';
         const long nNumber = bNames ? wm.Translate(szName) : wm.GetUID(szName, nullptr);
-        if (nExpected < 0) {
-            Check(nNumber == M_NAME && wm.szErrorMsg[0] != '\0', "a negative number", szName);
-            continue;
-        }
         Check(nNumber == nExpected, "a loaded name finds another number", szName);
         WorkMsg m = {};
         m.nTargetUID = 102;
+        if (nExpected < 0) {
+            // A negative number reads as a code: the operations refuse it.
+            wm.szErrorMsg[0] = '\0';
+            long nCount = 0;
+            const long rc = bNames ? wm.Send(101, szName, &m, false)
+                                   : wm.DeleteBy(-1, szName, nullptr, nullptr, &nCount);
+            Check(rc == M_NAME && wm.szErrorMsg[0] != '\0', "a negative number is used", szName);
+            continue;
+        }
         const long rc = wm.Send(101, bNames ? szName : "ORDER", &m, false);
         Check(rc == M_OK || rc == M_NOTACT, "Send", wm.szErrorMsg);
         // A normal message: its slot holds the full ID.

@@ -430,6 +430,10 @@ private:
     _WQCONF_* _SearchName(const char* szMname);
     _PRUID_* _SearchUID(long nUID);
     _PRUID_* _SearchUID(const char* szMname);
+    // Translate and GetUID by name for an operation that uses the number:
+    // M_NAME, with a text saying why, for a number stored below 0.
+    long _TypeNumber(const char* szMname);
+    long _ProcessNumber(const char* szPname);
 
     // Control table (ControlTable.cpp).
     long _GetPointers();

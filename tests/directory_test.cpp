@@ -247,3 +247,41 @@ TEST_F(DirectoryTest, LookupsFindTheFirstRowIgnoringCase) {
     EXPECT_EQ(acc.LockOwner(), hacc.CallerTID()); // nobody released the holder's lock
     hacc.FreeControlsLock(true);
 }
+
+TEST_F(DirectoryTest, NegativeNumbersAreReturnedButNotUsed) {
+    WriteFile(namesFile, std::string(kDefaultNames) + "NAME=NEG,ID=-3,DESC=n\n"
+                                                      "NAME=WILD,ID=-1,DESC=w\n");
+    WriteFile(uidsFile, std::string(kDefaultUIDs) + "NAME=PNEG,ID=-100,MSGID=Y,DESC=p\n");
+    CWorkMessages wm;
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    SendText(wm, 101, "ORDER", 102);
+    EXPECT_EQ(wm.Translate("neg"), -3);
+    EXPECT_EQ(wm.GetUID("pneg", nullptr), -100);
+
+    // Such a number reads as a code (-100 is M_NAME, -1 a wildcard): every
+    // operation that would use it refuses it, with a text that says why.
+    WorkMsg m{};
+    m.nTargetUID = 102;
+    long count = 7;
+    __GET_COUNTERS__ENTRY1 byType[] = {{0, "NEG"}, {0, ""}};
+    __GET_COUNTERS__ENTRY4 byUID[] = {{0, "PNEG"}, {0, ""}};
+    const std::vector<std::pair<std::string, std::function<long()>>> calls = {
+        {"Send", [&] { return wm.Send(101, "NEG", &m, false); }},
+        {"SetInput", [&] { return wm.SetInput(101, "NEG", nullptr, false); }},
+        {"UnsetInput", [&] { return wm.UnsetInput(101, "NEG", 0); }},
+        {"DeleteBy type", [&] { return wm.DeleteBy(-1, nullptr, nullptr, "WILD", &count); }},
+        {"DeleteBy target", [&] { return wm.DeleteBy(-1, "PNEG", nullptr, nullptr, &count); }},
+        {"GetCounters type", [&] { return wm.GetCounters(byType) == M_NONE ? long(M_NAME) : 0L; }},
+        {"GetCounters UID",
+         [&] { return wm.GetCounters(byUID, true) == M_NONE ? long(M_NAME) : 0L; }},
+    };
+    for (const auto& c : calls) {
+        EXPECT_EQ(c.second(), M_NAME) << c.first;
+        EXPECT_TRUE(Contains(wm.szErrorMsg, "cannot be told from a result code"))
+            << c.first << ": " << wm.szErrorMsg;
+    }
+    EXPECT_TRUE(count == 7 && byType[0].Counter == -1 && byUID[0].Counter == -1);
+    __GET_COUNTERS__ENTRY2 states{};
+    ASSERT_EQ(wm.GetCounters(&states), M_OK);
+    EXPECT_EQ(states.Counter[WQCF_Pending], 1) << "nothing was sent or deleted";
+}
