@@ -217,7 +217,6 @@ bool LoadTable(CWorkMessages& obj, const std::string& strPath, const FileFormat&
     auto closeFile = qvwm::OnScopeExit([fp] { fclose(fp); });
 
     bool bResult = true;
-    bool bReadError = false;
     int nLine = 0;
     char szLine[kLineBuffer];
     while (fgets(szLine, kReadLimit, fp) != nullptr) {
@@ -259,14 +258,14 @@ bool LoadTable(CWorkMessages& obj, const std::string& strPath, const FileFormat&
         ++nCount;
     }
     if (!feof(fp)) {
-        bReadError = true;
         fail("Error reading file: %s", strPath.c_str());
         bResult = false;
     }
 
-    // A read error already explains a file that gave no line; only a file
-    // that was read to its end without a single line is "empty".
-    if (nLine == 0 && !bReadError) {
+    // A file that gave no line at all is reported as empty, also when a read
+    // error ended it: the text names the file; nLastError keeps the code of
+    // the read error.
+    if (nLine == 0) {
         snprintf(obj.szErrorMsg, sizeof(obj.szErrorMsg), "WorkMsg object: File: %s is empty!\n",
                  strPath.c_str());
         return false;
