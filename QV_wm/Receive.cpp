@@ -106,11 +106,14 @@ long CWorkMessages::_Receive(long nUID, long nMaxWait, WorkMsg* wMSG, long nMsgN
         return nResult;
     }
 
-    // A caller without a buffer can take no data: its capacity counts as 0,
-    // so a message with data gets M_TOOBIG and the needed length, and nothing
-    // is ever written through a null pointer.
-    const long nCapacity =
-        wMSG->pDepData == nullptr || wMSG->nDepDataLength < 0 ? 0 : wMSG->nDepDataLength;
+    // The capacity is compared with each message's length as given: a
+    // negative one is short of every message, which then answers M_TOOBIG
+    // with the length it needs (0 for a message without data). A caller
+    // without a buffer can take no data: its capacity counts as 0 at most,
+    // so nothing is ever written through a null pointer.
+    const long nCapacity = wMSG->pDepData == nullptr && wMSG->nDepDataLength > 0
+                               ? 0
+                               : static_cast<long>(wMSG->nDepDataLength);
 
     int nOrder = -1; // 1 newest first, 0 oldest first, -1 not looked yet
     bMsgAvail = false;

@@ -170,6 +170,13 @@ TEST_F(ReceiveTest, TooSmallBufferGivesTheNeededLengthAndTheMessageWaits) {
     EXPECT_EQ(std::string(buf.data(), 201), data + std::string(100, '\0') + '\xEE');
     EXPECT_EQ(FileState(r.nMessageID), WQCF_Received);
     EXPECT_EQ(wm.Receive(102, 1, nullptr, false, nullptr), M_SYSERR);
+
+    // A negative capacity is short of every message, one without data too.
+    ASSERT_EQ(wmtest::RunChild([&] { return SendAll(102, "ORDER", {""}); }), 0);
+    r = Msg(0, buf.data(), -1);
+    ASSERT_EQ(wm.Receive(102, 1, &r, false, nullptr), M_TOOBIG);
+    EXPECT_EQ(r.nDepDataLength, 0);
+    EXPECT_EQ(FileState(r.nMessageID), WQCF_Pending);
 }
 
 TEST_F(ReceiveTest, WaitsAreCountedInStepsAndNeedARegistration) {
