@@ -108,10 +108,9 @@ std::string CWorkMessages::_ProcessName(long nUID) {
 }
 
 std::string CWorkMessages::_TypeName(long nMsgNo) {
-    const bool bSaved = bInternalCall;
-    bInternalCall = true;
+    // Translate takes no lock and attaches nothing, so unlike GetUID it needs
+    // no nesting: its entry line shows the caller's bInternalCall as it is.
     char* pName = Translate(nMsgNo, nullptr);
-    bInternalCall = bSaved;
     if (reinterpret_cast<intptr_t>(pName) < 0 && reinterpret_cast<intptr_t>(pName) >= M_NAME)
         return "TYPE" + std::to_string(nMsgNo);
     return std::string(pName);

@@ -192,7 +192,17 @@ TEST_F(ReceiveTest, WaitsAreCountedInStepsAndNeedARegistration) {
     WorkMsg r = Msg(0);
     EXPECT_EQ(wm.Receive(103, 0, &r, false, nullptr), M_TIMEOUT); // never looks
     EXPECT_EQ(wm.Receive(103, 0, &r, true, nullptr), M_TIMEOUT);  // no second pass
-    EXPECT_EQ(Next(wm, 103), "x");
+    {
+        // Only the process lookup of the trace runs nested; the type lookup
+        // of the completion line shows the receive's own bInternalCall.
+        wmtest::StderrCapture cap;
+        EXPECT_EQ(Next(wm, 103), "x");
+        const std::string out = cap.Stop();
+        EXPECT_TRUE(std::regex_search(out, std::regex("GetUID entered [^\n]*=true")) &&
+                    std::regex_search(out, std::regex("Translate entered [^\n]*=false")) &&
+                    !std::regex_search(out, std::regex("Translate entered [^\n]*=true")))
+            << out;
+    }
 
     wmtest::StderrCapture log;
     t0 = std::chrono::steady_clock::now();
