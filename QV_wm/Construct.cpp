@@ -63,8 +63,8 @@ CWorkMessages::CWorkMessages(bool bNoClean)
       pDDSAT(nullptr), pPRLL(nullptr), pWQCFile(nullptr), pWDDFile(nullptr), pLOCKFile(nullptr),
       pREJECTFile(nullptr), nRecvCslot(M_NONE), bMsgAvail(false), bInternalCall(false),
       bHoldingConstructorLock(false), tAcquiredMutex(0), nWhineCount(0), pQctl(nullptr),
-      nCallbackCount(0), bKeepAttached(false), pQueuesMap(nullptr), nQueuesMapHandle(-1),
-      pPRLMap(nullptr), nPRLMapHandle(-1), bQueuesFresh(false) {
+      bKeepAttached(false), pQueuesMap(nullptr), nQueuesMapHandle(-1), pPRLMap(nullptr),
+      nPRLMapHandle(-1), bQueuesFresh(false) {
     szErrorMsg[0] = '\0';
     szTempBuff[0] = '\0';
     szTrace[0] = '\0';

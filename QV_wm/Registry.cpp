@@ -20,10 +20,12 @@
 // PRLs segment and the fields nPRListHandle and nPRLSlotCount of the Controls
 // segment; the public operations take it unless they run nested in another
 // operation that holds it, and the private ones expect the caller to hold it.
-// nCallbackCount belongs to the object and needs no lock.
+// nCallbackCount belongs to the process; it changes only under the Controls
+// lock, with the entries it counts.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -64,6 +66,12 @@ int CreatePRLSegment(size_t nBytes, int& nId, void*& pAddr, bool& bAttachFailed)
 
 // Exported with the library's interface; nothing in the library calls it.
 extern "C" void _PostCallback(int /*nSigno*/) {}
+
+// One count for the whole process: its objects share the registry entries
+// of its process ID, so a callback registered through one object runs on a
+// Send through any other. Threads of the process change it one at a time,
+// under the Controls lock; atomic, so that a read outside it is still whole.
+std::atomic<long> CWorkMessages::nCallbackCount{0};
 
 long CWorkMessages::SetInput(long nUID, const char* szMname, long (*Callback)(long),
                              bool bUseLIFO) {
@@ -113,9 +121,9 @@ long CWorkMessages::SetInput(long nUID, const char* szMname, long (*Callback)(lo
             _PRL_CTL_& entry = pPRLL[nSlot];
             entry.SetCallback(Callback);
             entry.bUseLIFO = bUseLIFO ? 1 : 0;
-            // nCallbackCount counts this object's live registrations that
-            // carry a callback, so that Send looks for callbacks only when
-            // there can be one of this process to run.
+            // nCallbackCount counts this process's live registrations that
+            // carry a callback, made through any of its objects, so that Send
+            // looks for callbacks only when there can be one to run here.
             if (Callback != nullptr && !bHadCallback) {
                 ++nCallbackCount;
             } else if (Callback == nullptr && bHadCallback && nCallbackCount > 0) {
@@ -143,7 +151,7 @@ long CWorkMessages::UnsetInput(long nUID, const char* szMname, long nPID) {
     const long nProcess = nPID != 0 ? nPID : static_cast<long>(nOwnPID);
     // Clears one entry. The callback count follows only entries of this
     // process: an entry of another process, removed by its process ID, was
-    // never counted by this object, and the count must not drift below the
+    // never counted here, and the count must not drift below the
     // registrations this process still holds.
     auto clearEntry = [this, nOwnPID](long nSlot) {
         _PRL_CTL_& entry = pPRLL[nSlot];
@@ -193,6 +201,20 @@ long CWorkMessages::TargetActive(long nUID, long nMID) {
 
     if (!bInternalCall) _FreeControlsLock(true);
     return _Return(nResult);
+}
+
+void CWorkMessages::_RunCallbacks(long nMsgNo) {
+    if (nCallbackCount.load() == 0) return;
+    // A callback address means something only in the process that
+    // registered it, so only this process's registrations are called; those
+    // of other processes are left to them.
+    const pid_t nOwnPID = getpid();
+    for (long i = 0; qvwm::Attached(pPRLL) && i < pSMCtlrs->nPRLSlotCount; ++i) {
+        const _PRL_CTL_& entry = pPRLL[i];
+        if (entry.nUID == 0 || entry.nPID != nOwnPID || entry.nMsgNo != nMsgNo) continue;
+        WMCallback fn = entry.GetCallback();
+        if (fn != nullptr) fn(entry.nMsgNo);
+    }
 }
 
 _PRL_CTL_* CWorkMessages::_SearchPRL(long nUID, long nMsgNo) {

@@ -12,7 +12,8 @@
 // Locks: only the Controls lock is taken here, for the whole operation unless
 // the call is nested in one that holds it. It guards nMsgCounter, the control
 // slots and nQSlotCount, the registry entries and the data slot table. The
-// callbacks of this process run in the sending thread with the lock held.
+// callbacks of this process (registered through any of its objects) run in
+// the sending thread with the lock held.
 // Because the table lookups of the trace lines and a table growth may move
 // the Queues and PRLs segments, slots and entries are held by index and
 // re-derived from pWQCF and pPRLL after every such call.
@@ -159,18 +160,7 @@ long CWorkMessages::Send(long nUID, const char* pMname, WorkMsg* wMsg, bool bHiP
             }
         }
 
-        // A callback address means something only in the process that
-        // registered it, so only this process's registrations are called;
-        // those of other processes are left to them.
-        if (nResult == M_OK && nCallbackCount != 0) {
-            const pid_t nOwnPID = getpid();
-            for (long i = 0; qvwm::Attached(pPRLL) && i < pSMCtlrs->nPRLSlotCount; ++i) {
-                const _PRL_CTL_& entry = pPRLL[i];
-                if (entry.nUID == 0 || entry.nPID != nOwnPID || entry.nMsgNo != nMsgNo) continue;
-                WMCallback fn = entry.GetCallback();
-                if (fn != nullptr) fn(entry.nMsgNo);
-            }
-        }
+        if (nResult == M_OK) _RunCallbacks(nMsgNo);
 
         if (bTrace && (nResult == M_OK || nResult == M_NOTACT)) {
             // The name lookup may move the table: the slot's fields come from

@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -381,7 +382,9 @@ private:
     std::string strRMSGQdir;
     char szTrace[512];
     pqControl pQctl;
-    long nCallbackCount;
+    // This process's registrations that carry a callback, through any of its
+    // objects (Registry.cpp).
+    static std::atomic<long> nCallbackCount;
     // The per-call segments: the mappings _GetPointers made and the segment
     // IDs they were made for, reused while the published handle is unchanged.
     // _Return detaches them at the end of every top-level call, unless
@@ -455,6 +458,8 @@ private:
     long _KnownRequest(long nUID, long nID, pid_t nPID);
     long _GetPRLSlot();
     long _AllocatePRL(long nCount, bool bRealloc);
+    // Send's notification: this process's callbacks for the type.
+    void _RunCallbacks(long nMsgNo);
 
     // Receive (Receive.cpp).
     long _Receive(long nUID, long nMaxWait, WorkMsg* wMSG, long nMsgNoLo, long nMsgNoHi,

@@ -28,7 +28,7 @@ public:
     long& LockTimeOut() { return o.nLockTimeOut; }
     pid_t& CallerTID() { return o.callerTID; }
     pid_t& CallerPID() { return o.callerPID; }
-    long& CallbackCount() { return o.nCallbackCount; }
+    long CallbackCount() { return o.nCallbackCount.load(); }
     pqControl& Header() { return o.pQctl; }
     char* TempBuff() { return o.szTempBuff; }
     const std::string& DBPath() { return o.strDBPath; }

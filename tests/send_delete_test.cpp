@@ -108,6 +108,11 @@ TEST_F(SendDeleteTest, OnlyThisProcessCallbacksRunAndInactiveTargetsStillGetTheM
     EXPECT_EQ(wm.Send(101, "INVOICE", &inv, false), M_NOTACT); // no callback for the type
     EXPECT_EQ(wm.Send(101, "ORDER", &late, false), M_NOTACT);  // none for a queued-only one
     EXPECT_EQ(calls, std::vector<long>{kOrder});
+    // Registered through wm, run on a send through any object of the process.
+    CWorkMessages other;
+    WorkMsg again = Msg(102);
+    ASSERT_EQ(other.Send(101, "ORDER", &again, false), M_OK);
+    EXPECT_EQ(calls, (std::vector<long>{kOrder, kOrder}));
 
     // The message to the inactive target waits until it registers.
     ASSERT_EQ(wm.SetInput(103, "INVOICE", nullptr, false), M_OK);
