@@ -104,7 +104,7 @@ TEST_F(WmctlTest, UsageErrorsExitTwoAndEveryCommandHasHelp) {
              "", "frobnicate", "send PROCA PROCB", "send PROCA PROCB ORDER data --file x",
              "delete 0xZZ", "delete 12345678901", "recv PROCB --wait soon",
              "recv PROCB --type-range 1:2:3", "retry 5 --flags 256", "deleteby",
-             "deleteby --all --type ORDER", "count --by colour", "dump",
+             "deleteby --all --type ORDER", "count --by colour", "dump a b",
              "fsck " + dbDir + " --slot 1"}) {
         const Outcome r = Wmctl(args);
         EXPECT_TRUE(r.rc == 2 && !r.err.empty()) << args << ": " << r.rc << r.err;
@@ -291,8 +291,8 @@ TEST_F(WmctlTest, DumpDecodesFilesAndReportsDamage) {
                      "slot 0: pending, ID 0x40000000", "slot 2: received, ID 0x40000001",
                      "1 data slots in use: 0"}));
     EXPECT_FALSE(Contains(r.out, "problem")) << r.out;
-    EXPECT_TRUE(Runs("dump " + dbDir + " --slot 0", 0, {"68 65 6c 6c 6f", "|hello|"}));
-    EXPECT_TRUE(Runs("dump " + dbDir + " --slot 9", 0)); // free, inside the table
+    EXPECT_TRUE(Runs("dump --slot 0", 0, {"68 65 6c 6c 6f", "|hello|"})); // WM_DBPath
+    EXPECT_TRUE(Runs("dump " + dbDir + " --slot 9", 0));                  // free, inside the table
     EXPECT_TRUE(Runs("dump " + dbDir + " --slot 512", 1));
 
     // Damage: a record cut short, a data slot far outside the table, a data
@@ -339,7 +339,7 @@ TEST_F(WmctlTest, FsckRepairsALeakedDataSlot) {
     EXPECT_EQ(data.substr(8192, 5), "hello");
     EXPECT_TRUE(DataBlockZero(data, 5));
     EXPECT_TRUE(ReadFile(wqcfFile) == controlBefore);
-    EXPECT_TRUE(Runs("fsck " + dbDir, 0, {"clean"}));
+    EXPECT_TRUE(Runs("fsck", 0, {"fsck " + dbDir + ":", "clean"})); // WM_DBPath
 
     // The library still delivers the message with its data.
     r = Wmctl("recv PROCB");

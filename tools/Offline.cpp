@@ -307,14 +307,25 @@ bool IsDirectory(const std::string& strDir) {
     return stat(strDir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The directory to work on: the one given, or else the configured WM_DBPath,
+// as for every other command. False, reported, when neither can be had.
+bool DbDir(const char* szCmd, std::string* pDir) {
+    std::string strWhyNot;
+    if (!pDir->empty() || ConfiguredDbDir(pDir, &strWhyNot)) return true;
+    Failure(szCmd, kExitFailed, "no directory given, and none configured: " + strWhyNot);
+    return false;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
 // dump
 // ---------------------------------------------------------------------------
 
-int CmdDump(const DumpOpts& o) {
+int CmdDump(const DumpOpts& given) {
     const char* kCmd = "dump";
+    DumpOpts o = given;
+    if (!DbDir(kCmd, &o.strDbDir)) return kExitFailed;
     if (!IsDirectory(o.strDbDir))
         return Failure(kCmd, kExitFailed, o.strDbDir + " is not a directory");
     ControlFile cf;
@@ -737,8 +748,10 @@ bool Repair(const ControlFile& cf, DataFile& df, const _WQCF_CTL_& header,
 
 } // namespace
 
-int CmdFsck(const FsckOpts& o) {
+int CmdFsck(const FsckOpts& given) {
     const char* kCmd = "fsck";
+    FsckOpts o = given;
+    if (!DbDir(kCmd, &o.strDbDir)) return kExitFailed;
     if (!IsDirectory(o.strDbDir))
         return Failure(kCmd, kExitFailed, o.strDbDir + " is not a directory");
 

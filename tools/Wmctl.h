@@ -245,12 +245,12 @@ struct IpcCleanOpts {
     bool bJson = false;
 };
 struct DumpOpts {
-    std::string strDbDir;
-    long nSlot = -1; // -1: every slot in use
+    std::string strDbDir; // empty: from the configuration
+    long nSlot = -1;      // -1: every slot in use
     bool bJson = false;
 };
 struct FsckOpts {
-    std::string strDbDir;
+    std::string strDbDir; // empty: from the configuration
     bool bRepair = false;
     bool bJson = false;
 };

@@ -207,7 +207,9 @@ int main(int argc, char** argv) {
     // --- dump, fsck ---------------------------------------------------------
     DumpOpts dump;
     sub = app.add_subcommand("dump", "Decode the database files of a directory (offline)");
-    sub->add_option("dbdir", dump.strDbDir, "Directory of WQCF.bdb and WDDF.bdb")->required();
+    sub->add_option("dbdir", dump.strDbDir,
+                    "Directory of WQCF.bdb and WDDF.bdb (default: WM_DBPath from the "
+                    "configuration)");
     sub->add_option("--slot", dump.nSlot, "Show one control slot with a hex dump of its data")
         ->check(CLI::NonNegativeNumber);
     AddJson(sub, &dump.bJson);
@@ -216,7 +218,9 @@ int main(int argc, char** argv) {
     FsckOpts fsck;
     sub = app.add_subcommand("fsck", "Check the database files of a directory (offline)");
     sub->footer("Exit 0: clean, or every problem repaired; 1: problems left.");
-    sub->add_option("dbdir", fsck.strDbDir, "Directory of WQCF.bdb and WDDF.bdb")->required();
+    sub->add_option("dbdir", fsck.strDbDir,
+                    "Directory of WQCF.bdb and WDDF.bdb (default: WM_DBPath from the "
+                    "configuration)");
     sub->add_flag("--repair", fsck.bRepair,
                   "Free leaked data slots and clear impossible control slots; only while no "
                   "process is attached");
