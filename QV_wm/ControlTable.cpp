@@ -40,12 +40,10 @@ namespace {
 const long kRecordSize = sizeof(_WQCF_);
 const long kInitialSlots = 512;
 const long kGrowthSlots = 128;
-// The most slots a table or a control file may have. Two million messages
-// queued at once is far beyond any real load; a larger count can only come
-// from a damaged header, and honouring it would ask for gigabytes of shared
-// memory. Growth stops here too, so the library never writes a header that
-// its own loader would refuse.
-const long kMaxSlots = 1L << 21;
+// The most slots a table or a control file may have (see WM_MAX_SLOTS).
+// Growth stops here too, so the library never writes a header that its own
+// loader would refuse.
+const long kMaxSlots = WM_MAX_SLOTS;
 const int32_t kFirstMsgID = 0x40000000;
 const int kShmCreate = IPC_CREAT | 0666;
 // Records checked per read when looking past the header's slot count.
@@ -67,7 +65,8 @@ long CleanedCount(long nKept) {
 // What is wrong with a stored record that is in use, or null when it can be
 // loaded. A message with an unknown state or a data reference outside the
 // data store cannot be delivered or deleted correctly; loading it would have
-// later operations read or free the wrong data.
+// later operations read or free the wrong data. The library never writes
+// such a record, so no crash leaves one; wmctl fsck --repair clears it.
 const char* RecordFault(const _WQCF_& rec, long& nValue) {
     if (rec.nflag >= WQCF_Last) {
         nValue = rec.nflag;
@@ -319,25 +318,13 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
             return false;
         }
         const long long nSize = st.st_size;
-        // A file of zero bytes holds nothing to lose: it loads as an empty
-        // table. Anything between that and a whole header is damaged.
-        if (nSize > 0 && nSize < kRecordSize) {
-            _Failedf(M_CTLFILE, EINVAL,
-                     "Message Queues Control File %s is damaged: its header is cut short (%lld of "
-                     "%ld bytes)",
-                     szPath, nSize, kRecordSize);
-            return false;
-        }
-        if (nSize > kRecordSize && (nSize - kRecordSize) % kRecordSize != 0) {
-            // Records are written whole; a partial one is a write that failed
-            // or a file cut short, and the message in it can't be trusted.
-            _Failedf(M_CTLFILE, EINVAL,
-                     "Message Queues Control File %s is damaged: the record of slot %lld is cut "
-                     "short (%lld of %ld bytes)",
-                     szPath, (nSize - kRecordSize) / kRecordSize,
-                     (nSize - kRecordSize) % kRecordSize, kRecordSize);
-            return false;
-        }
+        // A write cut short by a full disk or a crash (the header of a file
+        // being created, the record of a slot beyond the old end) leaves a
+        // file that ends inside a record. What is missing reads as zero: a
+        // header cut short keeps the fields it holds, and a record cut short
+        // is a free slot, as is every record missing at the end. No message
+        // was complete in such a record, so nothing is lost by it; the
+        // rewrite below replaces it with a whole one.
         if (nSize > SlotOffset(kMaxSlots)) {
             _Failedf(M_CTLFILE, EFBIG,
                      "Message Queues Control File %s is damaged: %lld bytes hold more than %ld "
@@ -345,10 +332,11 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
                      szPath, nSize, kMaxSlots);
             return false;
         }
-        nFileRecords = nSize > 0 ? static_cast<long>(nSize / kRecordSize) - 1 : 0;
+        nFileRecords = nSize > kRecordSize ? static_cast<long>(nSize / kRecordSize) - 1 : 0;
 
         memset(pQctl, 0, sizeof(_WQCF_CTL_));
-        if (nSize > 0 && fread(pQctl, sizeof(_WQCF_CTL_), 1, pWQCFile) != 1) {
+        if (fread(pQctl, 1, sizeof(_WQCF_CTL_), pWQCFile) < sizeof(_WQCF_CTL_) &&
+            ferror(pWQCFile)) {
             _Failedf(M_SYSERR, -1, "Failed to read Message Queues Control File %s", szPath);
             return false;
         }
@@ -356,7 +344,7 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
         if (nStored < 0 || nStored > kMaxSlots) {
             _Failedf(M_CTLFILE, EINVAL,
                      "Message Queues Control File %s is damaged: its header gives %ld slots (0 to "
-                     "%ld allowed)",
+                     "%ld allowed); wmctl fsck --repair writes the count its records need",
                      szPath, nStored, kMaxSlots);
             return false;
         }
@@ -424,8 +412,9 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
             const char* szFault = RecordFault(pWQCF[i], nValue);
             if (szFault != nullptr) {
                 _Failedf(M_CTLFILE, EINVAL,
-                         "Message Queues Control File %s is damaged: slot %ld has %s (%ld)", szPath,
-                         i, szFault, nValue);
+                         "Message Queues Control File %s is damaged: slot %ld has %s (%ld); "
+                         "wmctl fsck --repair clears that slot",
+                         szPath, i, szFault, nValue);
                 return false;
             }
         }
@@ -434,7 +423,7 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
         if (!NothingShared(pWQCF, nRead, nFirst, nSecond, szWhat, nValue)) {
             _Failedf(M_CTLFILE, EINVAL,
                      "Message Queues Control File %s is damaged: slots %ld and %ld hold the same "
-                     "%s (%ld)",
+                     "%s (%ld); wmctl fsck lists such messages for a decision by hand",
                      szPath, nFirst, nSecond, szWhat, nValue);
             return false;
         }
@@ -454,7 +443,8 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
                     if (arrChunk[k].nflag != WQCF_Available) {
                         _Failedf(M_CTLFILE, EINVAL,
                                  "Message Queues Control File %s is damaged: slot %ld holds a "
-                                 "message but the header gives %ld slots",
+                                 "message but the header gives %ld slots; wmctl fsck --repair "
+                                 "writes the count its records need",
                                  szPath, i, nStored);
                         return false;
                     }

@@ -214,9 +214,10 @@ bool CWorkMessages::_ReadOrInitWDDF() {
     };
     pWDDFile = qvwm::OpenDbFile(szPath, "r");
     if (pWDDFile != nullptr) {
-        // A file of zero bytes holds nothing to lose and loads as an empty
-        // table. A table cut short would mark slots in use as free, and the
-        // next messages would overwrite their data: refuse it, unchanged.
+        // A file shorter than its table (a crash or a full disk while it was
+        // created) gives the table as far as it goes; the rest stays as it
+        // was, free. The slots of the stored messages are marked in use
+        // below whatever the file says, so no message's data is given away.
         struct stat st;
         if (fstat(fileno(pWDDFile), &st) != 0) {
             _Failedf(M_SYSERR, -1, "Failed to examine Message Queues Data File %s", szPath);
@@ -228,15 +229,7 @@ bool CWorkMessages::_ReadOrInitWDDF() {
             _Failedf(M_SYSERR, -1, "Failed to open Message Queues Data File %s", szPath);
             return false;
         }
-        if (st.st_size > 0 && st.st_size < static_cast<off_t>(kSATSize)) {
-            _Failedf(M_CTLFILE, EINVAL,
-                     "Message Queues Data File %s is damaged: its slot table is cut short (%lld "
-                     "of %lu bytes)",
-                     szPath, static_cast<long long>(st.st_size),
-                     static_cast<unsigned long>(kSATSize));
-            return false;
-        }
-        if (st.st_size > 0 && fread(pDDSAT, 1, kSATSize, pWDDFile) != kSATSize) {
+        if (fread(pDDSAT, 1, kSATSize, pWDDFile) < kSATSize && ferror(pWDDFile)) {
             _Failedf(M_SYSERR, -1, "Failed to read Message Queues Data File %s", szPath);
             return false;
         }

@@ -33,7 +33,7 @@ const long kBlock = WM_MAX_DEPDATA;
 // are skipped so that the time goes to inputs that differ. Counts the loader
 // refuses (above 2^21, or negative) still run.
 const int32_t kSlowSlots = 65536;
-const int32_t kMaxSlots = 1 << 21;
+const int32_t kMaxSlots = WM_MAX_SLOTS;
 
 std::string strRoot, strAppconf, strDb, strReject;
 

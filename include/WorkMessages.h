@@ -60,6 +60,12 @@ enum WQCFstates {
 // Largest dependent data of one message, and the size of one data slot.
 #define WM_MAX_DEPDATA 8192
 
+// The most control slots a table or a control file may have. Two million
+// messages queued at once is far beyond any real load; a larger count can
+// only come from a damaged header, and honouring it would ask for gigabytes
+// of shared memory.
+#define WM_MAX_SLOTS (1L << 21)
+
 // ---------------------------------------------------------------------------
 // Shared records. Each is also the byte image in a segment or a file; the
 // static_asserts after them pin the i386 layout. A failed assert means the

@@ -376,6 +376,32 @@ TEST_F(WmctlTest, FsckFindsImpossibleSlotsDuplicatesAndABadHeader) {
                      {"1 problem(s)", "message ID 0x40000004 is held by control slots 1, 2"}));
 }
 
+TEST_F(WmctlTest, FsckRepairMendsEveryRecordTheLoaderSendsItTo) {
+    const int32_t first = 0x40000000, next = first + 9;
+    const std::string records[] = {
+        ControlFileImage(-1, next),
+        ControlFileImage(0x7FFFFFFF, next),
+        ControlFileImage(512, next, {SlotRecord(9, first)}),
+        ControlFileImage(512, next, {SlotRecord(WQCF_Pending, 0)}),
+        ControlFileImage(512, next, {SlotRecord(WQCF_Pending, first, 65536)}),
+        ControlFileImage(512, next, {SlotRecord(WQCF_Retry, first, 0, 8193)}),
+        ControlFileImage(100, next, {SlotRecord(WQCF_Pending, first)}, 512, 300),
+    };
+    for (const std::string& img : records) {
+        WriteFile(wqcfFile, img);
+        unlink(wddfFile.c_str());
+        {
+            CWorkMessages wm;
+            EXPECT_TRUE(wm.nLastError == M_CTLFILE &&
+                        Contains(wm.szErrorMsg, "wmctl fsck --repair"))
+                << wm.szErrorMsg;
+        }
+        EXPECT_TRUE(Runs("fsck --repair", 0, {"-- repaired"}));
+        CWorkMessages wm;
+        EXPECT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    }
+}
+
 TEST_F(WmctlTest, DemoRunsInItsOwnRoot) {
     EXPECT_TRUE(Ran(Wmctl("demo", "", root), 0, // with no root, under the current directory
                     {"note: GDDA_CONFIG", "private root " + root + "/demo-root", "demo OK"}));

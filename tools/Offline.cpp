@@ -40,6 +40,7 @@ const size_t kRec = 64;               // control file record
 const size_t kBlock = WM_MAX_DEPDATA; // data slot, and the data slot table
 const long kDataSlots = 65536;        // bits in the data slot table
 const uint32_t kFirstMessageId = 0x40000000u;
+const uint32_t kLastMessageId = 0x7FFFFFFEu;
 const int32_t kMinSlots = 512;
 static_assert(sizeof(_WQCF_) == kRec && sizeof(_WQCF_CTL_) == kRec, "file records are 64 bytes");
 
@@ -529,6 +530,10 @@ std::vector<Problem> Check(const ControlFile& cf, const DataFile& df, _WQCF_CTL_
         const _WQCF_& s = u.second;
         std::string strWhy;
         if (s.nflag > WQCF_Delayed_Retry) strWhy += ", state " + std::to_string(s.nflag);
+        // The library gives IDs from 1 to 0x7FFFFFFE only: no receive selects
+        // another, and none can be deleted by it; the loader refuses them.
+        if (s.nMessageID < 1 || s.nMessageID > static_cast<int32_t>(kLastMessageId))
+            strWhy += ", message ID " + HexId(s.nMessageID);
         if (s.nDepDataSlot < -1 || s.nDepDataSlot >= kDataSlots)
             strWhy += ", data slot " + std::to_string(s.nDepDataSlot);
         if (s.nDepDataLength < 0 || s.nDepDataLength > static_cast<int32_t>(kBlock))
@@ -623,11 +628,13 @@ std::vector<Problem> Check(const ControlFile& cf, const DataFile& df, _WQCF_CTL_
             kWriteHeader, 0);
         return out;
     }
-    if (cf.header.nEntriesAllocated < 0 || nLastUsed >= cf.header.nEntriesAllocated) {
+    const long long nCount = cf.header.nEntriesAllocated;
+    if (nCount < 0 || nCount > WM_MAX_SLOTS || nLastUsed >= nCount) {
         add("slot-count",
-            "the header's slot count " + std::to_string(cf.header.nEntriesAllocated) +
-                (cf.header.nEntriesAllocated < 0
-                     ? std::string(" is negative")
+            "the header's slot count " + std::to_string(nCount) +
+                (nCount < 0 ? std::string(" is negative")
+                 : nCount > WM_MAX_SLOTS
+                     ? " is above " + std::to_string(WM_MAX_SLOTS) + ", the most the library loads"
                      : " leaves out control slot " + std::to_string(nLastUsed) +
                            ", which the next load drops") +
                 "; it becomes " + std::to_string(nNeeded),
