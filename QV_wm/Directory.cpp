@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "Internal.h"
 #include "WorkMessages.h"
@@ -273,6 +274,19 @@ bool LoadTable(CWorkMessages& obj, const std::string& strPath, const FileFormat&
     return bResult;
 }
 
+// The answer of a lookup, unless the row found stores a number below 0
+// (nStored): then M_NAME, with a text that says why such a number can't be
+// used. A negative answer without such a row is a code with its own text.
+long UsableNumber(long nAnswer, long nStored, const std::string& strSubject, const char* szFile,
+                  char (&szErrorMsg)[512]) {
+    if (nAnswer >= 0 || nStored >= 0) return nAnswer;
+    snprintf(szErrorMsg, sizeof(szErrorMsg),
+             "WorkMsg object: %s is %ld in the %s file; a negative number cannot be told from a "
+             "result code",
+             strSubject.c_str(), nStored, szFile);
+    return M_NAME;
+}
+
 char* CodeAsPointer(long nCode) {
     return reinterpret_cast<char*>(static_cast<intptr_t>(nCode));
 }
@@ -423,24 +437,14 @@ char* CWorkMessages::GetUID(long nUID, char* pPdesc) {
 // number from a failure of the lookup: the tables never change once loaded.
 long CWorkMessages::_TypeNumber(const char* szMname) {
     const long nID = Translate(szMname);
-    if (nID >= 0) return nID;
-    const _WQCONF_* pRow = _SearchName(szMname);
-    if (pRow == nullptr || pRow->nID >= 0) return nID; // a code, with its text
-    snprintf(szErrorMsg, sizeof(szErrorMsg),
-             "WorkMsg object: WorkMsg '%s' has the number %ld in the names file; a negative "
-             "number cannot be told from a result code",
-             szMname, static_cast<long>(pRow->nID));
-    return M_NAME;
+    const _WQCONF_* pRow = nID < 0 ? _SearchName(szMname) : nullptr;
+    return UsableNumber(nID, pRow != nullptr ? pRow->nID : 0,
+                        "WorkMsg '" + std::string(szMname) + "'", "names", szErrorMsg);
 }
 
 long CWorkMessages::_ProcessNumber(const char* szPname) {
     const long nUID = GetUID(szPname, nullptr);
-    if (nUID >= 0) return nUID;
-    const _PRUID_* pRow = _SearchUID(szPname);
-    if (pRow == nullptr || pRow->nUID >= 0) return nUID; // a code, with its text
-    snprintf(szErrorMsg, sizeof(szErrorMsg),
-             "WorkMsg object: UID for %s is %ld in the process file; a negative number cannot be "
-             "told from a result code",
-             szPname, static_cast<long>(pRow->nUID));
-    return M_NAME;
+    const _PRUID_* pRow = nUID < 0 ? _SearchUID(szPname) : nullptr;
+    return UsableNumber(nUID, pRow != nullptr ? pRow->nUID : 0, "UID for " + std::string(szPname),
+                        "process", szErrorMsg);
 }
