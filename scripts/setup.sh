@@ -2,13 +2,15 @@
 # Installs what building and testing need on a fresh Debian machine: the
 # compiler with 32-bit support, CMake, GoogleTest sources, pkg-config, inih
 # (both architectures), qemu-user (runs the i386 tests where the kernel
-# cannot), CLI11, Google Benchmark and SQLite for the benchmarks,
+# cannot), the JetStream server and C client for the cross-host bridge,
+# CLI11, Google Benchmark and SQLite for the benchmarks,
 # and clang with its runtime (libFuzzer, sanitizers) for fuzzing. Does nothing
 # when all is there already. Needs root (or sudo) only when something is
 # missing.
 set -euo pipefail
 
 pkgs=(g++ g++-multilib cmake make pkg-config googletest libinih-dev libinih-dev:i386 qemu-user
+      nats-server libnats-dev
       libcli11-dev libbenchmark-dev libsqlite3-dev clang libclang-rt-14-dev)
 
 missing=()

@@ -192,6 +192,22 @@ bool ReadLiveState(LiveState* p, unsigned nParts) {
     return true;
 }
 
+bool FindReceivedSlot(long nUID, const WorkMsg& msg, _WQCF_* pSlot) {
+    LiveState st;
+    if (!ReadLiveState(&st, kLiveQueues)) return false;
+    for (const _WQCF_& s : st.slots) {
+        if (s.nflag == WQCF_Received && s.nMessageID == msg.nMessageID && s.nTargetUID == nUID &&
+            s.nMsgNo == msg.nMsgNo && s.nTimeSent == static_cast<int32_t>(msg.nTimeSent)) {
+            // A length outside a data slot comes only from a damaged slot.
+            if (s.nDepDataSlot != -1 && (s.nDepDataLength < 0 || s.nDepDataLength > WM_MAX_DEPDATA))
+                return false;
+            *pSlot = s;
+            return true;
+        }
+    }
+    return false;
+}
+
 // ---------------------------------------------------------------------------
 // The constructor lock and the configured database directory
 // ---------------------------------------------------------------------------

@@ -155,21 +155,10 @@ bool RangeBound(Library& wm, const char* szCmd, const std::string& s, long nOpen
 // The data length of a message just received: Receive leaves the record's
 // length at the caller's capacity, so it is read from the received slot.
 bool ReceivedLength(long nUID, const WorkMsg& msg, long* pLength) {
-    LiveState st;
-    if (!ReadLiveState(&st, kLiveQueues)) return false;
-    for (const _WQCF_& s : st.slots) {
-        if (s.nflag == WQCF_Received && s.nMessageID == msg.nMessageID && s.nTargetUID == nUID &&
-            s.nMsgNo == msg.nMsgNo && s.nTimeSent == static_cast<int32_t>(msg.nTimeSent)) {
-            if (s.nDepDataSlot == -1) {
-                *pLength = 0;
-                return true;
-            }
-            if (s.nDepDataLength < 0 || s.nDepDataLength > WM_MAX_DEPDATA) return false;
-            *pLength = s.nDepDataLength;
-            return true;
-        }
-    }
-    return false;
+    _WQCF_ s;
+    if (!FindReceivedSlot(nUID, msg, &s)) return false;
+    *pLength = s.nDepDataSlot == -1 ? 0 : s.nDepDataLength;
+    return true;
 }
 
 Json MessageJson(Library& wm, const WorkMsg& msg, long nUID) {

@@ -12,6 +12,7 @@
 
 #include <cerrno>
 
+#include "BridgeStats.h"
 #include "Wmctl.h"
 
 namespace wmctl {
@@ -45,6 +46,12 @@ std::string ProcessNameOf(const LiveState& st, int32_t nUID) {
     for (const _PRUID_& r : st.processes)
         if (r.nUID == nUID) return NameOf(r.szName, sizeof(r.szName));
     return "#" + std::to_string(nUID);
+}
+
+// The host's bridge, from its stats file; false when none ever ran here.
+bool ReadBridge(wmbridge::BridgeStatus* pBridge) {
+    std::string strDir, strWhyNot;
+    return ConfiguredDbDir(&strDir, &strWhyNot) && wmbridge::ReadStats(strDir, pBridge);
 }
 
 const char* const kStateKeys[] = {"free", "pending", "received", "retry", "delayed_retry"};
@@ -107,6 +114,20 @@ int CmdStatus(const StatusOpts& o) {
                              .Add("lifo", e->bUseLIFO != 0)
                              .Add("callback", e->HasCallback()));
             out.Add("registry", std::move(reg));
+            wmbridge::BridgeStatus b;
+            if (ReadBridge(&b)) {
+                Json bridged = Json::Array();
+                for (const wmbridge::BridgedProcess& p : b.bridged)
+                    bridged.Push(Json::Object()
+                                     .Add("process", p.strName)
+                                     .Add("uid", p.nUID)
+                                     .Add("host", p.strHost));
+                out.Add("bridge", Json::Object()
+                                      .Add("pid", b.nPid)
+                                      .Add("pid_alive", ProcessExists(static_cast<int32_t>(b.nPid)))
+                                      .Add("host", b.strHost)
+                                      .Add("bridged", std::move(bridged)));
+            }
         } else {
             out.Add("controls", Json());
         }
@@ -166,6 +187,13 @@ int CmdStatus(const StatusOpts& o) {
                e->nUID, TypeNameOf(st, e->nMsgNo).c_str(), e->nMsgNo, e->nPID,
                bAlive ? "running" : "gone", e->bUseLIFO ? "newest first" : "oldest first",
                e->HasCallback() ? ", callback" : "");
+    }
+    wmbridge::BridgeStatus b;
+    if (ReadBridge(&b)) {
+        printf("Bridge: host %s, wmbridge pid %ld %s; receives here for:\n", b.strHost.c_str(),
+               b.nPid, ProcessExists(static_cast<int32_t>(b.nPid)) ? "running" : "gone");
+        for (const wmbridge::BridgedProcess& p : b.bridged)
+            printf("  %s (%ld) on host %s\n", p.strName.c_str(), p.nUID, p.strHost.c_str());
     }
     return kExitOk;
 }

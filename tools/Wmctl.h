@@ -168,6 +168,12 @@ enum LiveParts { kLiveQueues = 1, kLiveRegistry = 2, kLiveDirectory = 4, kLiveAl
 // exists but cannot be read.
 bool ReadLiveState(LiveState* pState, unsigned nParts);
 
+// The slot of a message that Receive has just handed to UID nUID (matched by
+// ID, target, type and send time): its data length, priority mask and flags,
+// which the caller's record does not carry. False when it is not there or
+// its length is impossible.
+bool FindReceivedSlot(long nUID, const WorkMsg& msg, _WQCF_* pSlot);
+
 // The constructor lock of a database directory (its WM.lock), taken by
 // polling for up to nSeconds. Released by the destructor.
 class ConstructorLock {
