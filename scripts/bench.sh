@@ -6,11 +6,17 @@
 # receiver. Takes about two minutes and needs root: each benchmark runs in
 # an IPC namespace of its own. Arguments go to the benchmark program (Google
 # Benchmark flags such as --benchmark_filter=ops/ or --benchmark_out=run.json).
+# `scripts/bench.sh bridge` instead measures the cross-host bridge (two
+# bridges and a server on this machine) beside the local library.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQV_WM_BUILD_BENCH=ON \
   -DBUILD_TESTING=OFF >/dev/null
+if [ "${1:-}" = bridge ]; then
+  cmake --build build-bench -j"$(nproc)" --target wm_bridge_bench >/dev/null
+  exec build-bench/bench/wm_bridge_bench "$PWD/build-bench/tools/wmbridge"
+fi
 cmake --build build-bench -j"$(nproc)" --target wm_bench >/dev/null
 exec build-bench/bench/wm_bench "$@"

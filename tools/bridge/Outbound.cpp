@@ -47,7 +47,6 @@ namespace {
 const char* const kJournalFile = "wmbridge.journal";
 const unsigned kIdleStepUsecs = 50000; // looks at the queues 20 times a second when idle
 const unsigned kRetryStepUsecs = 500000;
-const int kBurst = 64; // messages of one UID before the next UID's turn
 const int64_t kPublishWaitMs = 5000;
 
 // One message on its way out: everything the publish needs, so the journal
@@ -182,15 +181,15 @@ public:
             bool bWork = false;
             if (wmctl::ReadLiveState(&st, wmctl::kLiveQueues)) {
                 for (const RemoteProcess& r : cfg.remotes) {
-                    bool bPending = false, bRetry = false;
+                    int nPending = 0, nRetry = 0;
                     for (const _WQCF_& s : st.slots) {
                         if (s.nTargetUID != r.nUID) continue;
-                        bPending = bPending || s.nflag == WQCF_Pending;
-                        bRetry = bRetry || s.nflag == WQCF_Retry || s.nflag == WQCF_Delayed_Retry;
+                        if (s.nflag == WQCF_Pending) ++nPending;
+                        if (s.nflag == WQCF_Retry || s.nflag == WQCF_Delayed_Retry) ++nRetry;
                     }
                     // Messages put back for a retry are older: they go first.
-                    if (bRetry) bWork = Drain(r, true) || bWork;
-                    if (bPending) bWork = Drain(r, false) || bWork;
+                    if (nRetry > 0) bWork = Drain(r, true, nRetry) || bWork;
+                    if (nPending > 0) bWork = Drain(r, false, nPending) || bWork;
                 }
             }
             if (!bWork) Usleep(kIdleStepUsecs);
@@ -200,10 +199,12 @@ public:
     }
 
 private:
-    // Takes up to kBurst messages of one remote UID; true when it took any.
-    bool Drain(const RemoteProcess& r, bool bRetry) {
+    // Takes the nCount messages the look saw for one remote UID, then the
+    // next UID has its turn. Receive finds each at once: only this bridge
+    // receives for the UID, so what the look saw is still there.
+    bool Drain(const RemoteProcess& r, bool bRetry, int nCount) {
         int n = 0;
-        for (; n < kBurst && !g_bStop; ++n) {
+        for (; n < nCount && !g_bStop; ++n) {
             WorkMsg msg;
             memset(&msg, 0, sizeof(msg));
             msg.pDepData = buf;
