@@ -208,3 +208,31 @@ TEST_F(BridgeTest, KillsOfBridgesAndServerLoseNothing) {
     EXPECT_EQ(distinct, texts) << Log(hosts[0]) << Log(hosts[1]);
     EXPECT_LE(nDuplicates, 1u);
 }
+
+// A configuration the bridge cannot work with stops it at once, with a text
+// that names what to mend; no server is needed to find out.
+TEST_F(WmTest, BridgeRefusesAConfigurationItCannotUse) {
+    const char* dir = getenv("QV_WM_BINARY_DIR");
+    const std::string strBridge = std::string(dir ? dir : "") + "/tools/wmbridge";
+    if (dir == nullptr || access(strBridge.c_str(), X_OK) != 0) GTEST_SKIP();
+    const std::string strHosts = appconfDir + "/WMBHosts.ini";
+    const std::string strServers = "WMB_Servers=nats://127.0.0.1:1\n";
+    struct Case {
+        std::string strDev, strHostsFile, strExpected;
+    } cases[] = {
+        {strServers, "NAME=PROCB,HOST=b\n", "WMB_Host"},
+        {"WMB_Host=a.b\n" + strServers, "NAME=PROCB,HOST=b\n", "WMB_Host"},
+        {"WMB_Host=a\n", "NAME=PROCB,HOST=b\n", "WMB_Servers"},
+        {"WMB_Host=a\n" + strServers, "", "WMBHosts.ini"},
+        {"WMB_Host=a\n" + strServers, "NAME=PROCB,HOST=b.c\n", "NAME=<process>,HOST=<host>"},
+        {"WMB_Host=a\n" + strServers, "NAME=NOSUCH,HOST=b\n", "NOSUCH"},
+    };
+    for (const Case& c : cases) {
+        WriteConfig(c.strDev);
+        unlink(strHosts.c_str());
+        if (!c.strHostsFile.empty()) WriteFile(strHosts, c.strHostsFile);
+        const std::string strOut = root + "/bridge.out";
+        EXPECT_EQ(system((strBridge + " 2> " + strOut).c_str()), 1 << 8) << c.strExpected;
+        EXPECT_TRUE(Contains(ReadFile(strOut), c.strExpected)) << ReadFile(strOut);
+    }
+}

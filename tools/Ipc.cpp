@@ -258,14 +258,13 @@ bool ConstructorLock::Take(const std::string& strDbDir, long nSeconds, std::stri
     return false;
 }
 
-bool ConfiguredDbDir(std::string* pDir, std::string* pWhyNot) {
+bool ConfiguredPaths(HostPaths* p, std::string* pWhyNot) {
     CGDDA gdda(nullptr, false);
     if (gdda.CreateError) {
         *pWhyNot = gdda.szErrorMsg;
         return false;
     }
-    std::string strRoot;
-    if (!gdda.GetValue("Root", strRoot, CGDDA::Global, true)) {
+    if (!gdda.GetValue("Root", p->strRoot, CGDDA::Global, true)) {
         *pWhyNot = gdda.szErrorMsg;
         return false;
     }
@@ -275,8 +274,17 @@ bool ConfiguredDbDir(std::string* pDir, std::string* pWhyNot) {
         *pWhyNot = gdda.szErrorMsg;
         return false;
     }
-    if (!gdda.GetValue("WM_DBPath", *pDir, static_cast<unsigned char>(nLevel), true))
-        *pDir = strRoot + "/" + szLevel + "/data/msgq";
+    p->strLevel = szLevel;
+    p->nLevel = static_cast<unsigned char>(nLevel);
+    if (!gdda.GetValue("WM_DBPath", p->strDbDir, p->nLevel, true))
+        p->strDbDir = p->strRoot + "/" + szLevel + "/data/msgq";
+    return true;
+}
+
+bool ConfiguredDbDir(std::string* pDir, std::string* pWhyNot) {
+    HostPaths paths;
+    if (!ConfiguredPaths(&paths, pWhyNot)) return false;
+    *pDir = paths.strDbDir;
     return true;
 }
 

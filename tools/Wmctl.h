@@ -188,8 +188,14 @@ private:
     FILE* fp = nullptr;
 };
 
-// The database directory that the host's configuration names (what the
-// library's constructor computes); false when there is no configuration.
+// What the host's configuration names: Root, the level (name and number)
+// and the database directory (what the library's constructor computes);
+// false when there is no configuration.
+struct HostPaths {
+    std::string strRoot, strLevel, strDbDir;
+    unsigned char nLevel = 0;
+};
+bool ConfiguredPaths(HostPaths* pPaths, std::string* pWhyNot);
 bool ConfiguredDbDir(std::string* pDir, std::string* pWhyNot);
 
 // ---------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include <map>
 #include <sstream>
 
+#include "Wmctl.h"
 #include "Bridge.h"
 #include "GPLibrary.h"
 #include "WorkMessages.h"
@@ -79,23 +80,11 @@ std::string SubjectFor(const Config& cfg, const std::string& strHost, long nUID)
 }
 
 bool LoadConfig(Config* p, std::string* pError) {
+    wmctl::HostPaths paths;
+    if (!wmctl::ConfiguredPaths(&paths, pError)) return false;
+    p->strDbPath = paths.strDbDir;
     CGDDA gdda(nullptr, false);
-    if (gdda.CreateError) {
-        *pError = gdda.szErrorMsg;
-        return false;
-    }
-    std::string strRoot;
-    if (!gdda.GetValue("Root", strRoot, CGDDA::Global, true)) {
-        *pError = gdda.szErrorMsg;
-        return false;
-    }
-    char szLevel[10] = "";
-    const CGDDA::Levels nLevel = gdda.GetSystemLevel(szLevel);
-    if (nLevel == CGDDA::Invalid) {
-        *pError = gdda.szErrorMsg;
-        return false;
-    }
-    const unsigned char nLvl = static_cast<unsigned char>(nLevel);
+    const unsigned char nLvl = paths.nLevel;
     if (!gdda.GetValue("WMB_Host", p->strHost, nLvl, true) || !IsSubjectToken(p->strHost)) {
         *pError = "WMB_Host must name this host (letters, digits, '-', '_')";
         return false;
@@ -124,10 +113,7 @@ bool LoadConfig(Config* p, std::string* pError) {
                   "WMB_Replicas 1 to 5";
         return false;
     }
-    if (!gdda.GetValue("WM_DBPath", p->strDbPath, nLvl, true))
-        p->strDbPath = strRoot + "/" + szLevel + "/data/msgq";
-
-    const std::string strAppconf = strRoot + "/" + szLevel + "/control/appconf/";
+    const std::string strAppconf = paths.strRoot + "/" + paths.strLevel + "/control/appconf/";
     p->strHostsFile = strAppconf + "WMBHosts.ini";
     std::vector<std::map<std::string, std::string>> lines;
     if (!ReadLines(p->strHostsFile, &lines, pError)) return false;

@@ -34,7 +34,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "../Wmctl.h"
+#include "Wmctl.h"
 #include "Bridge.h"
 #include "GPLibrary.h"
 #include "Internal.h"
