@@ -1,3 +1,5 @@
+// The two-host lab of BridgeLab.h: processes are forked, hosts are IPC
+// namespaces joined through /proc/<holder>/ns/ipc, the server is a child.
 #include "BridgeLab.h"
 
 #include <fcntl.h>

@@ -68,6 +68,9 @@ extern const char* const kHdrResponse; // "1": a response is required
 extern const char* const kHdrSent;     // original send time (seconds since 1970)
 extern const char* const kHdrOrigin;   // origin host
 
+// UnsetInput's name for every type of a UID.
+extern const char* const kAllTypes;
+
 // Logs one line through the support library under the tag "wmbridge".
 void Log(const char* szFormat, ...) __attribute__((format(printf, 1, 2)));
 

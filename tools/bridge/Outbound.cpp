@@ -195,7 +195,7 @@ public:
             if (!bWork) Usleep(kIdleStepUsecs);
         }
         for (const RemoteProcess& r : cfg.remotes)
-            wm.UnsetInput(r.nUID, "ALLQ", 0);
+            wm.UnsetInput(r.nUID, kAllTypes, 0);
     }
 
 private:

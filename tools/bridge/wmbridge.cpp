@@ -34,6 +34,7 @@ const char* const kHdrHigh = "WM-High";
 const char* const kHdrResponse = "WM-Response";
 const char* const kHdrSent = "WM-Sent";
 const char* const kHdrOrigin = "WM-Origin";
+const char* const kAllTypes = "ALLQ";
 
 std::atomic<bool> g_bStop{false};
 
@@ -115,7 +116,7 @@ void DropStaleRegistrations(const Config& cfg, CWorkMessages& wm) {
     BridgeStatus old;
     if (!ReadStats(cfg.strDbPath, &old) || old.nPid <= 0 || old.nPid == getpid()) return;
     for (const RemoteProcess& r : cfg.remotes)
-        wm.UnsetInput(r.nUID, "ALLQ", old.nPid);
+        wm.UnsetInput(r.nUID, kAllTypes, old.nPid);
 }
 
 int Usage(FILE* out) {
