@@ -36,6 +36,7 @@ protected:
         WmTest::TearDown();
     }
     std::vector<pid_t> vecParked;
+    void KillAndRestartWorkers(bool bInsideToo);
     // Runs wmctl with args; its standard output.
     std::string Wmctl(const std::string& args);
 };
@@ -93,16 +94,23 @@ std::string CrashTest::Wmctl(const std::string& args) {
     return system(cmd.c_str()) >= 0 ? ReadFile(root + "/wmctl.out") : "";
 }
 
-// Stops the process and kills it unless it holds the Controls lock, or is
-// taking or giving it up (the lock word set, the owner word not yet or no
-// longer). 1 when it was killed, 0 when it goes on, -1 when it had ended.
-int KillOutsideTheLock(pid_t pid, pthread_mutex_t& lock) {
+// Where a kill may land: outside the Controls lock only, or inside it only.
+enum class KillWhere { Outside, Inside };
+
+// Stops the process and kills it when it is where the kill may land. Inside:
+// it holds the Controls lock (the owner word, or a robust lock word, names
+// it). Outside: it neither holds it nor is taking or giving it up (the lock
+// word set, the owner word not yet or no longer). 1 when it was killed, 0
+// when it goes on, -1 when it had ended.
+int KillIf(KillWhere where, pid_t pid, pthread_mutex_t& lock) {
     int status = 0;
     if (kill(pid, SIGSTOP) != 0 || waitpid(pid, &status, WUNTRACED) != pid) return -1;
     if (!WIFSTOPPED(status)) return -1;
     const int nWord = __atomic_load_n(&lock.__data.__lock, __ATOMIC_SEQ_CST);
     const int nOwner = __atomic_load_n(&lock.__data.__owner, __ATOMIC_SEQ_CST);
-    if (nWord != 0 && (nOwner == pid || nOwner == 0)) {
+    const bool bInside = nOwner == pid || (nWord & 0x3FFFFFFF) == pid;
+    const bool bOutside = nWord == 0 || (nOwner != pid && nOwner != 0);
+    if (where == KillWhere::Inside ? !bInside : !bOutside) {
         kill(pid, SIGCONT);
         return 0;
     }
@@ -169,8 +177,14 @@ std::map<int32_t, Stored> TableContents(CWorkMessages& wm) {
     return out;
 }
 
-TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
-    WriteConfig("WM_Timeout_Secs=30\n"); // the survivors share a busy lock
+// Senders and receivers run while processes are killed and restarted at
+// random; with bInsideToo (and a robust lock) every other kill lands inside
+// the Controls lock. Nothing acknowledged is lost, no message is delivered
+// twice, and the survivors carry on.
+void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
+    // The survivors share a busy lock.
+    WriteConfig(bInsideToo ? "WM_Timeout_Secs=30\nWM_RecoverDeadOwner=true\n"
+                           : "WM_Timeout_Secs=30\n");
     CWorkMessages wm;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     CWorkMessagesTestAccess acc(wm);
@@ -212,13 +226,21 @@ TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
                                    std::max(0L, FileSize(root + "/log.402"))) /
                sizeof(LogRecord);
     };
+    int nInside = 0;
     const time_t tStart = time(nullptr);
     while (time(nullptr) < tStart + 6 ||
            (receivedSoFar() <= kMinReceived && time(nullptr) < tStart + 90)) {
         usleep(50000 + rng() % 200000);
         Worker& w = workers[rng() % workers.size()];
-        const int nKilled = KillOutsideTheLock(w.pid, lock);
+        // An inside kill waits for its moment, up to about a second.
+        const bool bInside = bInsideToo && killed.size() % 2 == 0;
+        int nKilled = 0;
+        for (int nTry = 0; nTry < (bInside ? 200 : 1) && nKilled == 0; ++nTry) {
+            if (nTry > 0) usleep(5000);
+            nKilled = KillIf(bInside ? KillWhere::Inside : KillWhere::Outside, w.pid, lock);
+        }
         if (nKilled == 0) continue;
+        if (bInside && nKilled > 0) ++nInside;
         if (nKilled < 0) ADD_FAILURE() << "worker ended by itself: " << ReadFile(faultFile(w));
         killed.insert({w.nUID, w.nLife});
         ++w.nLife;
@@ -241,6 +263,14 @@ TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
     }
     close(stopSend[0]);
     close(stopRecv[0]);
+    // Every kill inside the lock was recovered from by the next holder (one
+    // that died recovering leaves the work to the next).
+    ASSERT_NE(wm.TargetActive(401, -1), M_LOCK) << wm.szErrorMsg;
+    const int32_t nRecoveries = acc.Controls()->Reserved[cstCtlRecoveries];
+    if (bInsideToo) {
+        EXPECT_GE(nInside, 2);
+        EXPECT_TRUE(nRecoveries >= 1 && nRecoveries <= nInside) << nRecoveries;
+    }
 
     std::map<int32_t, LogRecord> sent;
     std::map<std::pair<int32_t, int32_t>, int32_t> lastSeq; // (UID, life) -> last logged seq
@@ -288,6 +318,14 @@ TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
         EXPECT_TRUE(received.count(nKey) == 1 || left.count(nKey) == 1)
             << "lost: " << nKey << " from " << r.nSender << " seq " << r.nSeq;
     EXPECT_GT(received.size(), kMinReceived); // the run did real work
+}
+
+TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
+    KillAndRestartWorkers(false);
+}
+
+TEST_F(CrashTest, WithARobustLockKillsInsideItLoseAndDuplicateNothing) {
+    KillAndRestartWorkers(true);
 }
 
 TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {
@@ -426,6 +464,86 @@ TEST_F(CrashTest, ADeadLockOwnerIsNamedUntilEveryUserHasStopped) {
     std::string fault;
     ASSERT_EQ(ReceiveLogged(fresh, log, 401, 1, block.data(), &fault), M_OK) << fault;
     EXPECT_EQ(ReadLog(root + "/log.401").at(0).nCrc, ReadLog(root + "/log.301").at(0).nCrc);
+}
+
+TEST_F(CrashTest, WithTheKeyADeadLockOwnerIsReplacedAndTheTablesAreRebuiltFromTheFiles) {
+    // Stored before the first constructor: messages 1 (pending, data slot 3,
+    // which the data file shows free) and 2 (received, data slot 4); data
+    // slot 7 marked with no message. Then ORDER 3 for 401 is sent, no data.
+    _WQCF_ pending = SlotRecord(WQCF_Pending, 0x40000001, 3, 5);
+    _WQCF_ received = SlotRecord(WQCF_Received, 0x40000002, 4, 5);
+    pending.nTargetUID = received.nTargetUID = 401;
+    WriteFile(wqcfFile, ControlFileImage(512, 0x40000003, {pending, received}));
+    WriteFile(wddfFile, DataFileImage({{4, "four"}, {7, "stray"}}));
+    WriteConfig("WM_RecoverDeadOwner=true\n");
+    CWorkMessages wm(true);
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    CWorkMessagesTestAccess acc(wm);
+    SendText(wm, 301, "ORDER", 401, nullptr);
+
+    // A receiver dies holding the lock, inside the filter that was offered
+    // message 1; the counter has moved on in memory only.
+    std::string held;
+    const pid_t pidOwner = StartParked([] { return ReceiveInsideTheLock(401, true); }, &held);
+    ASSERT_EQ(held, "lock");
+    acc.Controls()->nMsgCounter = 0x40000010;
+    Kill(pidOwner);
+
+    // A process without the key takes the lock over in its first call, well
+    // within one lock wait (1 s), logs one line, and gets message 1 again.
+    WriteConfig();
+    EXPECT_EQ(RunChild([&] {
+                  StderrCapture cap;
+                  CWorkMessages late;
+                  const std::string log = cap.Stop();
+                  if (late.nLastError != 0) return 1;
+                  const std::string line = "Recovered the Controls lock from dead owner thread " +
+                                           std::to_string(pidOwner) + ":";
+                  if (!Contains(log, line) || !Contains(log, "message counter 40000010, 1 data "
+                                                             "slots kept for their messages, 1 "
+                                                             "freed, registry sound; messages: 2 "
+                                                             "pending, 1 received"))
+                      return 2;
+                  WorkMsg m = {};
+                  char buf[16] = {};
+                  m.pDepData = buf;
+                  m.nDepDataLength = sizeof(buf);
+                  if (late.SetInput(401, "ORDER", nullptr, false) != M_OK ||
+                      late.Receive(401, 1, &m, false, nullptr) != M_OK ||
+                      m.nMessageID != 0x40000001)
+                      return 3;
+                  return 0;
+              }),
+              0);
+
+    // The tables equal the files; the next ID goes on from the shared counter.
+    WorkMsg m = {};
+    m.nTargetUID = 401;
+    ASSERT_EQ(wm.Send(301, "ORDER", &m, false), M_OK) << wm.szErrorMsg;
+    EXPECT_EQ(m.nMessageID, 0x40000010);
+    ASSERT_EQ(acc.GetPointers(), M_OK);
+    const std::string control = ReadFile(wqcfFile);
+    const std::string data = ReadFile(wddfFile);
+    const _SM_Controls_& ctl = *acc.Controls();
+    EXPECT_EQ(ImageHeader(control).nEntriesAllocated, ctl.nQSlotCount);
+    EXPECT_EQ(ImageHeader(control).nCurrentMsgID, ctl.nMsgCounter);
+    for (long i = 0; i < ctl.nQSlotCount; ++i) {
+        const _WQCF_ stored = ImageSlot(control, i);
+        EXPECT_EQ(memcmp(&stored, &acc.Queues()[i], sizeof(_WQCF_)), 0) << "slot " << i;
+    }
+    ASSERT_GE(data.size(), 8192u);
+    EXPECT_EQ(memcmp(data.data(), acc.SAT(), 8192), 0);
+    EXPECT_TRUE(DataSlotMarked(data, 3) && DataSlotMarked(data, 4) && !DataSlotMarked(data, 7));
+    acc.Return(M_OK);
+
+    EXPECT_EQ(ctl.Reserved[cstCtlRecoveries], 1);
+    const std::string status = Wmctl("status");
+    if (!status.empty()) {
+        EXPECT_TRUE(Contains(status, "Dead-owner recovery: on (robust lock), 1 recovery since the "
+                                     "segments were built") &&
+                    Contains(status, "after thread " + std::to_string(pidOwner) + " died"))
+            << status;
+    }
 }
 
 } // namespace
