@@ -3,7 +3,8 @@
 # prints one table: every operation of the library against the floor of its
 # system calls, against SQLite and POSIX message queues, with the queue's
 # depth, parallel sender/receiver pairs and the latency of a waiting
-# receiver. Takes about two minutes and needs root: each benchmark runs in
+# receiver, then (without arguments) the cost of WM_RecoverDeadOwner. Takes
+# about two minutes and needs root: each benchmark runs in
 # an IPC namespace of its own. Arguments go to the benchmark program (Google
 # Benchmark flags such as --benchmark_filter=ops/ or --benchmark_out=run.json).
 set -euo pipefail
@@ -12,5 +13,7 @@ scripts/setup.sh
 
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQV_WM_BUILD_BENCH=ON \
   -DBUILD_TESTING=OFF >/dev/null
-cmake --build build-bench -j"$(nproc)" --target wm_bench >/dev/null
-exec build-bench/bench/wm_bench "$@"
+cmake --build build-bench -j"$(nproc)" --target wm_bench wm_recovery_bench >/dev/null
+build-bench/bench/wm_bench "$@"
+# Without arguments, also what WM_RecoverDeadOwner costs (about 20 seconds).
+if [ $# -eq 0 ]; then build-bench/bench/wm_recovery_bench; fi
