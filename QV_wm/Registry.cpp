@@ -370,11 +370,13 @@ long CWorkMessages::_CheckRegistry(long* pnKept) {
     // entry that can still be read: a removed segment lives on while some
     // process (one that keeps its mappings) is attached to it. What nobody
     // holds any more is lost, and its receivers must register again.
-    qvwm::UnmapSegment(pPRLL, pPRLMap, nPRLMapHandle, false);
+    // The old segment is attached before this object's own mapping goes:
+    // that mapping may be what still keeps it.
     void* pOld = bStat ? shmat(nHandle, nullptr, SHM_RDONLY) : qvwm::ShmFailed();
     auto detachOld = qvwm::OnScopeExit([pOld] {
         if (qvwm::Attached(pOld)) shmdt(pOld);
     });
+    qvwm::UnmapSegment(pPRLL, pPRLMap, nPRLMapHandle, false);
     const long nOld =
         qvwm::Attached(pOld) ? static_cast<long>(ds.shm_segsz / sizeof(_PRL_CTL_)) : 0;
     if (bStat) shmctl(nHandle, IPC_RMID, nullptr);

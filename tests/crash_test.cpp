@@ -3,6 +3,7 @@
 // lock owner that dies while others stay attached.
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/shm.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -544,6 +545,63 @@ TEST_F(CrashTest, WithTheKeyADeadLockOwnerIsReplacedAndTheTablesAreRebuiltFromTh
                     Contains(status, "after thread " + std::to_string(pidOwner) + " died"))
             << status;
     }
+}
+
+TEST_F(CrashTest, WithTheKeyAGrowthCutOffByADeathEndsWithEveryStoredMessage) {
+    // This process keeps its mappings, so it still holds a registry segment
+    // that a cut-off growth has removed.
+    WriteConfig("WM_RecoverDeadOwner=true\nWM_KeepAttached=true\n");
+    CWorkMessages wm;
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    ASSERT_EQ(wm.SetInput(401, "ORDER", nullptr, false), M_OK);
+    for (const char* text : {"one", "two", "three"})
+        SendText(wm, 301, "ORDER", 401, text);
+
+    const struct {
+        const char* what;
+        void (*cut)(_SM_Controls_& c);
+    } cases[] = {
+        {"control table growth, old segment removed",
+         [](_SM_Controls_& c) { shmctl(c.nQueuesHandle, IPC_RMID, nullptr); }},
+        {"control table growth, an empty larger segment published",
+         [](_SM_Controls_& c) {
+             shmctl(c.nQueuesHandle, IPC_RMID, nullptr);
+             c.nQSlotCount += 128;
+             c.nQueuesHandle =
+                 shmget(CWorkMessages::cstWMQueuesSHMKey,
+                        static_cast<size_t>(c.nQSlotCount) * sizeof(_WQCF_), IPC_CREAT | 0666);
+         }},
+        {"registry growth, old segment removed",
+         [](_SM_Controls_& c) { shmctl(c.nPRListHandle, IPC_RMID, nullptr); }},
+    };
+    for (const auto& c : cases) {
+        std::string held;
+        const pid_t pid = StartParked(
+            [&c]() -> std::string {
+                CWorkMessagesTestAccess a(*new CWorkMessages);
+                a.RecordCaller();
+                if (!a.GetControlsLock(1) || a.GetPointers() != M_OK) return "no lock";
+                c.cut(*a.Controls());
+                return "lock";
+            },
+            &held);
+        ASSERT_EQ(held, "lock") << c.what;
+        Kill(pid);
+        EXPECT_EQ(wm.TargetActive(401, 1), M_OK) << c.what << ": " << wm.szErrorMsg;
+        __GET_COUNTERS__ENTRY2 row = {};
+        ASSERT_EQ(wm.GetCounters(&row), M_OK) << c.what;
+        EXPECT_EQ(row.Counter[WQCF_Pending], 3) << c.what;
+    }
+    // Their data is whole.
+    std::vector<char> block(16);
+    for (const char* text : {"one", "two", "three"}) {
+        WorkMsg m = {};
+        m.pDepData = block.data();
+        m.nDepDataLength = static_cast<long>(block.size());
+        ASSERT_EQ(wm.Receive(401, 1, &m, false, nullptr), M_OK) << wm.szErrorMsg;
+        EXPECT_STREQ(block.data(), text);
+    }
+    EXPECT_EQ(CWorkMessagesTestAccess(wm).Controls()->Reserved[cstCtlRecoveries], 3);
 }
 
 } // namespace
