@@ -55,6 +55,15 @@ long MarkDataInUse(const _WQCF_* pTable, long nCount, pByteInt pSAT) {
     }
     return nMarked;
 }
+
+// Writes the slot table at the head of the open data file: null, or what
+// failed.
+const char* WriteSlotTable(FILE* fp, const ByteInt* pSAT) {
+    if (fseek(fp, 0, SEEK_SET) != 0) return "Failed to rewind WDDF database";
+    if (fwrite(pSAT, 1, kSATSize, fp) != kSATSize)
+        return "Failed to update DDSAT into WDDF database";
+    return nullptr;
+}
 } // namespace
 
 long CWorkMessages::_GetWDDFSlot() {
@@ -134,12 +143,8 @@ long CWorkMessages::_UpdateWDDF(int nfunc, int nslot, int datalen, const void* p
         pDDSAT[nslot / 8] |= nMask;
     else
         pDDSAT[nslot / 8] &= static_cast<ByteInt>(~nMask);
-    if (fseek(pWDDFile, 0, SEEK_SET) != 0) {
-        _Failedf(M_SYSERR, -1, "Failed to rewind WDDF database: %s", szPath);
-        return nLastError;
-    }
-    if (fwrite(pDDSAT, 1, kSATSize, pWDDFile) != kSATSize) {
-        _Failedf(M_SYSERR, -1, "Failed to update DDSAT into WDDF database: %s", szPath);
+    if (const char* szFault = WriteSlotTable(pWDDFile, pDDSAT)) {
+        _Failedf(M_SYSERR, -1, "%s: %s", szFault, szPath);
         return nLastError;
     }
     return M_OK;
@@ -300,8 +305,8 @@ long CWorkMessages::_FreeUnreferencedData() {
         _Failedf(M_SYSERR, -1, "Failed to open WDDF database: %s", szPath);
         return nLastError;
     }
-    if (fwrite(pDDSAT, 1, kSATSize, pWDDFile) != kSATSize) {
-        _Failedf(M_SYSERR, -1, "Failed to update DDSAT into WDDF database: %s", szPath);
+    if (const char* szFault = WriteSlotTable(pWDDFile, pDDSAT)) {
+        _Failedf(M_SYSERR, -1, "%s: %s", szFault, szPath);
         return nLastError;
     }
     return nFreed;
