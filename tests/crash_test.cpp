@@ -247,7 +247,7 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
         ++w.nLife;
         start(w);
     }
-    EXPECT_GE(killed.size(), 10u);
+    EXPECT_GE(killed.size(), bInsideToo ? 4u : 10u); // an inside kill waits for its moment
 
     // The survivors carried on: they end without a fault.
     close(stopSend[1]);
