@@ -189,7 +189,10 @@ CWorkMessages::CWorkMessages(bool bNoClean)
         pthread_mutexattr_init(&attr);
         pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
         pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-        if (bRecoverDeadOwner) {
+        if (bRecoverDeadOwner && !qvwm::KernelReportsDeadOwners()) {
+            _Log("WM_RecoverDeadOwner: this system does not report the death of a lock holder "
+                 "(no robust lock list); the Controls lock is made as without the key");
+        } else if (bRecoverDeadOwner) {
             // A holder that dies hands the lock to the next attempt with
             // EOWNERDEAD instead of keeping it (Recovery.cpp).
             pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
