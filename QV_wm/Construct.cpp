@@ -64,7 +64,7 @@ CWorkMessages::CWorkMessages(bool bNoClean)
       pREJECTFile(nullptr), nRecvCslot(M_NONE), bMsgAvail(false), bInternalCall(false),
       bHoldingConstructorLock(false), tAcquiredMutex(0), nWhineCount(0), pQctl(nullptr),
       bKeepAttached(false), pQueuesMap(nullptr), nQueuesMapHandle(-1), pPRLMap(nullptr),
-      nPRLMapHandle(-1), bQueuesFresh(false) {
+      nPRLMapHandle(-1), bQueuesFresh(false), bRecoverDeadOwner(false) {
     szErrorMsg[0] = '\0';
     szTempBuff[0] = '\0';
     szTrace[0] = '\0';
@@ -112,6 +112,8 @@ CWorkMessages::CWorkMessages(bool bNoClean)
         if (callerPID == 1) bTrace = false; // init never traces
         if (!objGDDA->GetValue("WM_KeepAttached", &bKeepAttached, nLevel, true))
             bKeepAttached = false;
+        if (!objGDDA->GetValue("WM_RecoverDeadOwner", &bRecoverDeadOwner, nLevel, true))
+            bRecoverDeadOwner = false;
     }
     delete objGDDA;
     objGDDA = nullptr;
@@ -187,6 +189,15 @@ CWorkMessages::CWorkMessages(bool bNoClean)
         pthread_mutexattr_init(&attr);
         pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
         pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+        if (bRecoverDeadOwner && !qvwm::KernelReportsDeadOwners()) {
+            _Log("WM_RecoverDeadOwner: this system does not report the death of a lock holder "
+                 "(no robust lock list); the Controls lock is made as without the key");
+        } else if (bRecoverDeadOwner) {
+            // A holder that dies hands the lock to the next attempt with
+            // EOWNERDEAD instead of keeping it (Recovery.cpp).
+            pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+            pSMCtlrs->Reserved[cstCtlLockFlags] = cstLockRobust;
+        }
         int rc = pthread_mutex_init(&pSMCtlrs->MutexCtlrs, &attr);
         pthread_mutexattr_destroy(&attr);
         if (rc != 0) {
@@ -276,6 +287,8 @@ void CWorkMessages::_BuildSharedTables(bool bNoClean) {
     if (_AllocatePRL(kInitialPRLs, false) != 0) return;
     if (!_LoadAndCleanWQCF(bNoClean)) return;
     if (!_ReadOrInitWDDF()) return;
+    // From here on a holder's death can be repaired from the files alone.
+    pSMCtlrs->Reserved[cstCtlLockFlags] |= cstTablesBuilt;
     _FreeControlsLock(true);
 
     _Trace("First constructor. Names Table handle: %.08X", pSMCtlrs->nNamesHandle);

@@ -7,7 +7,9 @@
 // is written through to the head of the data file on every change, and slot n
 // lies at offset 8192 * (n + 1). The first constructor loads the table from
 // the file (or creates the file); the control slot that refers to a data slot
-// keeps the data's length, the file keeps none.
+// keeps the data's length, the file keeps none. After a lock holder died, the
+// rebuild (Recovery.cpp) loads the table the same way and then keeps exactly
+// the slots that stored messages reference (_FreeUnreferencedData).
 //
 // Locks: nothing here takes a lock. Every function runs while the calling
 // thread holds the Controls lock, which guards the SAT segment, the field
@@ -52,6 +54,15 @@ long MarkDataInUse(const _WQCF_* pTable, long nCount, pByteInt pSAT) {
         ++nMarked;
     }
     return nMarked;
+}
+
+// Writes the slot table at the head of the open data file: null, or what
+// failed.
+const char* WriteSlotTable(FILE* fp, const ByteInt* pSAT) {
+    if (fseek(fp, 0, SEEK_SET) != 0) return "Failed to rewind WDDF database";
+    if (fwrite(pSAT, 1, kSATSize, fp) != kSATSize)
+        return "Failed to update DDSAT into WDDF database";
+    return nullptr;
 }
 } // namespace
 
@@ -132,12 +143,8 @@ long CWorkMessages::_UpdateWDDF(int nfunc, int nslot, int datalen, const void* p
         pDDSAT[nslot / 8] |= nMask;
     else
         pDDSAT[nslot / 8] &= static_cast<ByteInt>(~nMask);
-    if (fseek(pWDDFile, 0, SEEK_SET) != 0) {
-        _Failedf(M_SYSERR, -1, "Failed to rewind WDDF database: %s", szPath);
-        return nLastError;
-    }
-    if (fwrite(pDDSAT, 1, kSATSize, pWDDFile) != kSATSize) {
-        _Failedf(M_SYSERR, -1, "Failed to update DDSAT into WDDF database: %s", szPath);
+    if (const char* szFault = WriteSlotTable(pWDDFile, pDDSAT)) {
+        _Failedf(M_SYSERR, -1, "%s: %s", szFault, szPath);
         return nLastError;
     }
     return M_OK;
@@ -181,8 +188,13 @@ pByteInt CWorkMessages::_ReadWDDF(int nslot) {
     return pBlock;
 }
 
-bool CWorkMessages::_ReadOrInitWDDF() {
+bool CWorkMessages::_ReadOrInitWDDF(long* pnKept) {
     _TraceEntry("_ReadOrInitWDDF");
+    // A rebuild after a dead lock owner reloads the segment this object is
+    // already attached to: the segment stays (every process keeps it mapped),
+    // the attachment is made again.
+    if (qvwm::Attached(pDDSAT)) shmdt(pDDSAT);
+    pDDSAT = nullptr;
     const int nId = shmget(cstWMDDSATSHMKey, kSATSize, kShmCreate);
     pSMCtlrs->nDDSATHandle = nId;
     if (nId < 0) {
@@ -202,11 +214,14 @@ bool CWorkMessages::_ReadOrInitWDDF() {
     auto closeFile = qvwm::OnScopeExit([this] { _CloseFile(&pWDDFile); });
     // The loaded control table is attached here; on every successful load
     // its messages keep their data slots (the file's table follows with the
-    // next change of the store).
-    auto keepData = [this, szPath] {
+    // next change of the store). With pnKept the count goes to the caller,
+    // which logs it, instead of a line of its own.
+    auto keepData = [this, szPath, pnKept] {
         const long nMarked =
             qvwm::Attached(pWQCF) ? MarkDataInUse(pWQCF, pSMCtlrs->nQSlotCount, pDDSAT) : 0;
-        if (nMarked > 0)
+        if (pnKept != nullptr)
+            *pnKept = nMarked;
+        else if (nMarked > 0)
             _Log("_ReadOrInitWDDF: %ld data slot(s) of stored messages were free in %s; they are "
                  "kept for their messages",
                  nMarked, szPath);
@@ -262,4 +277,37 @@ bool CWorkMessages::_ReadOrInitWDDF() {
         return false;
     }
     return keepData();
+}
+
+long CWorkMessages::_FreeUnreferencedData() {
+    _TraceEntry("_FreeUnreferencedData");
+    if (!qvwm::Attached(pDDSAT) || !qvwm::Attached(pWQCF)) {
+        _Failed(M_SHMERR, "Shared-memory SAT or Queues is not attached", EINVAL);
+        return M_SHMERR;
+    }
+    // The slots the loaded control table references; every other marked
+    // slot belongs to no message (a Send that died between storing its data
+    // and writing its control slot) and would stay taken for good.
+    ByteInt arrUsed[kSATSize] = {};
+    MarkDataInUse(pWQCF, pSMCtlrs->nQSlotCount, arrUsed);
+    long nFreed = 0;
+    for (size_t i = 0; i < kSATSize; ++i) {
+        nFreed += __builtin_popcount(pDDSAT[i] & static_cast<ByteInt>(~arrUsed[i]));
+        pDDSAT[i] &= arrUsed[i];
+    }
+
+    // Written whole, also when nothing was freed: the slots kept for stored
+    // messages (_ReadOrInitWDDF) reach the file here too.
+    const char* szPath = strWDDFFilename.c_str();
+    auto closeFile = qvwm::OnScopeExit([this] { _CloseFile(&pWDDFile); });
+    pWDDFile = qvwm::OpenDbFile(szPath, "r+");
+    if (pWDDFile == nullptr) {
+        _Failedf(M_SYSERR, -1, "Failed to open WDDF database: %s", szPath);
+        return nLastError;
+    }
+    if (const char* szFault = WriteSlotTable(pWDDFile, pDDSAT)) {
+        _Failedf(M_SYSERR, -1, "%s: %s", szFault, szPath);
+        return nLastError;
+    }
+    return nFreed;
 }

@@ -22,6 +22,16 @@ inline pid_t KernelTid() {
     return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
+// True when the kernel keeps this thread's list of robust locks, so that a
+// holder's death hands a robust lock on with EOWNERDEAD. A user-mode
+// emulator (an i386 build run through one) refuses the list: there a robust
+// lock whose holder died stays held, as any other lock.
+inline bool KernelReportsDeadOwners() {
+    void* pHead = nullptr;
+    size_t nLength = 0;
+    return syscall(SYS_get_robust_list, 0, &pHead, &nLength) == 0;
+}
+
 // Sets the file-creation mask for the life of the guard (files the library
 // creates get mode 0664) and puts the previous mask back.
 class UmaskGuard {

@@ -19,6 +19,12 @@
 // (20 attempts a second for the configured wait), never waited on blocking:
 // a holder that died leaves the Controls lock held, and callers time out
 // naming the dead owner instead of hanging.
+//
+// A host whose first constructor read WM_RecoverDeadOwner has a robust
+// mutex instead: the attempt after a holder died takes the lock with
+// EOWNERDEAD, and _LockTaken has the tables rebuilt from the files
+// (Recovery.cpp) before the call goes on. Every lock attempt passes through
+// _LockTaken, whatever this process's own key says.
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -140,13 +146,11 @@ bool CWorkMessages::_GetControlsLock(long nMaxWait) {
 
     const long nAttempts = nMaxWait > 0 ? nMaxWait * kAttemptsPerSecond : 0;
     for (long i = 0; i < nAttempts; ++i) {
+        // Taking the lock from a dead owner overwrites the owner word: read
+        // it first, to name the dead thread.
+        const pid_t nOwnerBefore = _LockOwner();
         int rc = pthread_mutex_trylock(&pSMCtlrs->MutexCtlrs);
-        if (rc == 0) {
-            HbAcquire();
-            tAcquiredMutex = time(nullptr);
-            _Trace("_GetControlsLock mutex acquired");
-            return true;
-        }
+        if (rc == 0 || rc == EOWNERDEAD) return _LockTaken(rc, nOwnerBefore);
         if (rc != EBUSY) {
             char szDesc[256];
             snprintf(szErrorMsg, sizeof(szErrorMsg),
@@ -167,6 +171,30 @@ bool CWorkMessages::_GetControlsLock(long nMaxWait) {
              "seconds. Current owner=%ld\n",
              static_cast<long>(callerPID), static_cast<long>(callerTID), nMaxWait, nOwner);
     return false;
+}
+
+// The calling thread holds the Controls lock: rc is 0, or EOWNERDEAD when
+// its last holder died holding it (a robust mutex only). The state is
+// rebuilt then, and also when a rebuild that failed is still pending. True
+// when the call may go on; false when the rebuild failed, with the lock
+// released and the failure in nLastError and szErrorMsg.
+bool CWorkMessages::_LockTaken(int rc, pid_t nOwnerBefore) {
+    HbAcquire();
+    tAcquiredMutex = time(nullptr);
+    if (rc == EOWNERDEAD) {
+        // The mutex is usable again at once; if this thread dies before the
+        // rebuild is done, the next holder gets EOWNERDEAD and starts over,
+        // and if the rebuild fails, the pending flag makes the next holder
+        // try again. Nobody works on the tables while the flag is set.
+        pSMCtlrs->Reserved[cstCtlLockFlags] |= cstRecoveryPending;
+        pSMCtlrs->Reserved[cstCtlDeadOwner] = nOwnerBefore > 0 ? nOwnerBefore : -1;
+        pthread_mutex_consistent(&pSMCtlrs->MutexCtlrs);
+    }
+    if ((pSMCtlrs->Reserved[cstCtlLockFlags] & cstRecoveryPending) != 0 &&
+        !_RecoverFromDeadOwner(pSMCtlrs->Reserved[cstCtlDeadOwner]))
+        return false;
+    _Trace("_GetControlsLock mutex acquired");
+    return true;
 }
 
 void CWorkMessages::_FreeControlsLock(bool /*bComplain: releasing works the same either way*/) {

@@ -14,7 +14,9 @@
 // in the Controls segment, where every other process picks it up at its next
 // _GetPointers. Because growth (and _GetPointers, which _KnownRequest runs)
 // may move the table, the code here holds indexes across such calls and
-// re-derives entry pointers from pPRLL afterwards.
+// re-derives entry pointers from pPRLL afterwards. A growth cut off by a
+// holder's death is repaired by _CheckRegistry during the rebuild after a
+// dead owner (Recovery.cpp).
 //
 // Locks: only the Controls lock is taken here. It guards every entry of the
 // PRLs segment and the fields nPRListHandle and nPRLSlotCount of the Controls
@@ -346,4 +348,48 @@ long CWorkMessages::_AllocatePRL(long nCount, bool bRealloc) {
                           : "Failed to get create handle for shared-memory PRLs",
             nErr);
     return M_SHMERR;
+}
+
+long CWorkMessages::_CheckRegistry(long* pnKept) {
+    _TraceEntry("_CheckRegistry");
+    *pnKept = -1;
+    // Sound: the published segment is the one under the key, not removed,
+    // and holds the published count of entries. A growth cut off between
+    // removing the old segment and publishing a filled new one leaves
+    // something else.
+    const int nHandle = pSMCtlrs->nPRListHandle;
+    const long nCount = pSMCtlrs->nPRLSlotCount;
+    struct shmid_ds ds;
+    memset(&ds, 0, sizeof(ds));
+    const bool bStat = nHandle > 0 && shmctl(nHandle, IPC_STAT, &ds) == 0;
+    if (bStat && (ds.shm_perm.mode & SHM_DEST) == 0 && nCount > 0 &&
+        ds.shm_segsz >= PRLBytes(nCount) && shmget(cstWMPRListSHMKey, 0, 0) == nHandle)
+        return M_OK;
+
+    // A new table, at least as large as the published count, with every
+    // entry that can still be read: a removed segment lives on while some
+    // process (one that keeps its mappings) is attached to it. What nobody
+    // holds any more is lost, and its receivers must register again.
+    // The old segment is attached before this object's own mapping goes:
+    // that mapping may be what still keeps it.
+    void* pOld = bStat ? shmat(nHandle, nullptr, SHM_RDONLY) : qvwm::ShmFailed();
+    auto detachOld = qvwm::OnScopeExit([pOld] {
+        if (qvwm::Attached(pOld)) shmdt(pOld);
+    });
+    qvwm::UnmapSegment(pPRLL, pPRLMap, nPRLMapHandle, false);
+    const long nOld =
+        qvwm::Attached(pOld) ? static_cast<long>(ds.shm_segsz / sizeof(_PRL_CTL_)) : 0;
+    if (bStat) shmctl(nHandle, IPC_RMID, nullptr);
+    const int nStray = shmget(cstWMPRListSHMKey, 0, 0);
+    if (nStray >= 0) shmctl(nStray, IPC_RMID, nullptr);
+
+    long nNew = nCount > nOld ? nCount : nOld;
+    if (nNew < kPRLGrowth) nNew = kPRLGrowth;
+    const long nResult = _AllocatePRL(nNew, false);
+    if (nResult != M_OK) return nResult;
+    if (nOld > 0) memcpy(static_cast<void*>(pPRLL), pOld, PRLBytes(nOld));
+    *pnKept = 0;
+    for (long i = 0; i < nOld; ++i)
+        if (pPRLL[i].nUID != 0) ++*pnKept;
+    return M_OK;
 }

@@ -40,6 +40,8 @@ const char* KindName(Kind kind) {
         return "SQLite";
     case Kind::Mq:
         return "mq";
+    case Kind::WmRobust:
+        return "robust";
     }
     return "?";
 }
@@ -415,7 +417,8 @@ Sandbox::Sandbox(Kind k, int nDataSize, long nQueued)
     if (!Ok()) return;
     if (kind == Kind::Floor) MakeFloor();
     if (kind == Kind::Sqlite) MakeSqlite(nQueued);
-    if ((kind == Kind::Wm || kind == Kind::WmKeep) && nQueued > 0) PreloadControlFile(nQueued);
+    if (kind != Kind::Floor && kind != Kind::Sqlite && kind != Kind::Mq && nQueued > 0)
+        PreloadControlFile(nQueued);
 }
 
 Sandbox::~Sandbox() {
@@ -450,10 +453,11 @@ void Sandbox::MakeTree() {
         strUIDs += "NAME=R" + std::to_string(i) + ",ID=" + std::to_string(kPairReceiver + i) +
                    ",MSGID=Y,DESC=Pair receiver\n";
     }
-    const std::string strConf = "[Global]\nLevel=Dev\nRoot=" + strRoot +
-                                "\n[Dev]\nWM_Timeout_Secs=10\nWM_DBPath=" + strDbDir +
-                                "\nWM_KeepAttached=" + (kind == Kind::WmKeep ? "true" : "false") +
-                                "\n";
+    const std::string strConf =
+        "[Global]\nLevel=Dev\nRoot=" + strRoot +
+        "\n[Dev]\nWM_Timeout_Secs=10\nWM_DBPath=" + strDbDir +
+        "\nWM_KeepAttached=" + (kind == Kind::WmKeep ? "true" : "false") +
+        "\nWM_RecoverDeadOwner=" + (kind == Kind::WmRobust ? "true" : "false") + "\n";
     if (!WriteText(strRoot + "/Dev/control/appconf/WorkMsg.ini",
                    "NAME=ORDER,ID=1,DESC=Order\nNAME=OTHER,ID=2,DESC=Other\n") ||
         !WriteText(strRoot + "/Dev/control/appconf/ProcessUID.ini", strUIDs) ||
@@ -550,6 +554,7 @@ std::unique_ptr<BenchQueue> Sandbox::Open(long nSelf, long nTarget, bool bReceiv
     switch (kind) {
     case Kind::Wm:
     case Kind::WmKeep:
+    case Kind::WmRobust:
         return Checked(std::make_unique<WmQueue>(nSelf, nTarget, bReceiver, nSize), strError);
     case Kind::Floor:
         return Checked(std::make_unique<FloorQueue>(arrFloorIds, strDbDir, nSize), strError);

@@ -6,6 +6,7 @@
 // takes its oldest waiting message and deletes it. The kinds:
 //   QV_wm    this library, default settings (segments detached after each call)
 //   keep     this library with WM_KeepAttached=true
+//   robust   this library with WM_RecoverDeadOwner=true (recovery_bench only)
 //   floor    the system calls the library's operations cannot avoid, without
 //            any library logic (a lower bound, not a queue)
 //   SQLite   a queue table in SQLite: WAL, synchronous=NORMAL, prepared
@@ -21,7 +22,7 @@
 
 namespace wmbench {
 
-enum class Kind { Wm, WmKeep, Floor, Sqlite, Mq };
+enum class Kind { Wm, WmKeep, Floor, Sqlite, Mq, WmRobust };
 const char* KindName(Kind kind);
 
 // Process UIDs of the workload. Pair i (0 to 3) of the scale test uses

@@ -196,6 +196,29 @@ static_assert(offsetof(_SM_Controls_, MutexCtlrs) == 128, "the mutex follows the
 static_assert(offsetof(_SM_Controls_, MutexCtlrs) + offsetof(pthread_mutex_t, __data.__owner) ==
                   136,
               "the lock owner is read at segment offset 136 by every peer");
+// Reserved words of the Controls record used by dead-owner recovery:
+// Reserved[cstCtlLockFlags] to Reserved[cstCtlLastRecovery], segment offsets
+// 80 to 95 in every build. wmctl status reads them without the lock.
+enum ControlsRecoveryWords {
+    // Bits: cstLockRobust, written by the first constructor before it makes
+    // the mutex; cstTablesBuilt, written by the first constructor once every
+    // table is built; cstRecoveryPending, set by the thread that takes the
+    // lock from a dead owner and cleared when its rebuild is complete (a
+    // rebuild that failed leaves it set, and the next holder rebuilds).
+    cstCtlLockFlags = 6,
+    // Recoveries completed since the segments were built; the recovering
+    // thread, under the lock.
+    cstCtlRecoveries = 7,
+    // Kernel thread ID of the dead owner that the last recovery replaced (-1
+    // when it was not seen); the recovering thread, under the lock.
+    cstCtlDeadOwner = 8,
+    // time() of the last completed recovery; the recovering thread.
+    cstCtlLastRecovery = 9
+};
+enum ControlsLockFlags { cstLockRobust = 1, cstTablesBuilt = 2, cstRecoveryPending = 4 };
+static_assert(offsetof(_SM_Controls_, Reserved) + cstCtlLockFlags * sizeof(int32_t) == 80 &&
+                  offsetof(_SM_Controls_, Reserved) + cstCtlLastRecovery * sizeof(int32_t) == 92,
+              "the recovery words lie at segment offsets 80 to 95 for every peer and wmctl");
 #if defined(__i386__)
 static_assert(sizeof(_SM_Controls_) == 152, "i386 Controls segment is 152 bytes");
 #elif defined(__x86_64__)
@@ -403,6 +426,10 @@ private:
     pPRLlist pPRLMap;
     int nPRLMapHandle;
     bool bQueuesFresh;
+    // WM_RecoverDeadOwner: a first constructor makes the Controls mutex
+    // robust. Every object recovers from a dead owner whatever it says (the
+    // mutex's kind belongs to the host).
+    bool bRecoverDeadOwner;
 
     // Frame and reporting (Frame.cpp).
     void _RecordCaller();
@@ -426,6 +453,10 @@ private:
     void _Unlock();
     void _CloseFile(FILE** fileDesc);
     pid_t _LockOwner() const;
+    bool _LockTaken(int rc, pid_t nOwnerBefore);
+
+    // Recovery from a dead lock owner (Recovery.cpp).
+    bool _RecoverFromDeadOwner(pid_t nDeadOwner);
 
     // Construction and teardown (Construct.cpp).
     void _BuildSharedTables(bool bNoClean);
@@ -456,7 +487,8 @@ private:
     // Data store (DataStore.cpp).
     long _GetWDDFSlot();
     long _UpdateWDDF(int nfunc, int nslot, int datalen, const void* pdata);
-    bool _ReadOrInitWDDF();
+    bool _ReadOrInitWDDF(long* pnKept = nullptr);
+    long _FreeUnreferencedData();
 
     // Registry (Registry.cpp).
     _PRL_CTL_* _SearchPRL(long nUID, long nMsgNo);
@@ -466,6 +498,7 @@ private:
     long _AllocatePRL(long nCount, bool bRealloc);
     // Send's notification: this process's callbacks for the type.
     void _RunCallbacks(long nMsgNo);
+    long _CheckRegistry(long* pnKept);
 
     // Receive (Receive.cpp).
     long _Receive(long nUID, long nMaxWait, WorkMsg* wMSG, long nMsgNoLo, long nMsgNoHi,

@@ -3,6 +3,8 @@
 // lock owner that dies while others stay attached.
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/shm.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -36,11 +38,24 @@ protected:
         WmTest::TearDown();
     }
     std::vector<pid_t> vecParked;
+    void KillAndRestartWorkers(bool bInsideToo);
     // Runs wmctl with args; its standard output.
     std::string Wmctl(const std::string& args);
 };
 
 int fdParked = -1; // a parked child's end of its pipe to the parent
+
+// False where the kernel keeps no robust lock list (a user-mode emulator):
+// there the library makes an ordinary lock, and the tests of the robust one
+// are skipped. Elsewhere the host's lock must be robust.
+bool RobustLocksWork(CWorkMessages& wm) {
+    void* pHead = nullptr;
+    size_t nLength = 0;
+    if (syscall(SYS_get_robust_list, 0, &pHead, &nLength) != 0) return false;
+    EXPECT_NE(CWorkMessagesTestAccess(wm).Controls()->Reserved[cstCtlLockFlags] & cstLockRobust, 0);
+    return true;
+}
+const char kNoRobustLocks[] = "this system does not report a lock holder's death";
 
 // A receive filter runs with the Controls lock held: this one never returns.
 bool HoldTheLock(void*) {
@@ -93,16 +108,23 @@ std::string CrashTest::Wmctl(const std::string& args) {
     return system(cmd.c_str()) >= 0 ? ReadFile(root + "/wmctl.out") : "";
 }
 
-// Stops the process and kills it unless it holds the Controls lock, or is
-// taking or giving it up (the lock word set, the owner word not yet or no
-// longer). 1 when it was killed, 0 when it goes on, -1 when it had ended.
-int KillOutsideTheLock(pid_t pid, pthread_mutex_t& lock) {
+// Where a kill may land: outside the Controls lock only, or inside it only.
+enum class KillWhere { Outside, Inside };
+
+// Stops the process and kills it when it is where the kill may land. Inside:
+// it holds the Controls lock (the owner word, or a robust lock word, names
+// it). Outside: it neither holds it nor is taking or giving it up (the lock
+// word set, the owner word not yet or no longer). 1 when it was killed, 0
+// when it goes on, -1 when it had ended.
+int KillIf(KillWhere where, pid_t pid, pthread_mutex_t& lock) {
     int status = 0;
     if (kill(pid, SIGSTOP) != 0 || waitpid(pid, &status, WUNTRACED) != pid) return -1;
     if (!WIFSTOPPED(status)) return -1;
     const int nWord = __atomic_load_n(&lock.__data.__lock, __ATOMIC_SEQ_CST);
     const int nOwner = __atomic_load_n(&lock.__data.__owner, __ATOMIC_SEQ_CST);
-    if (nWord != 0 && (nOwner == pid || nOwner == 0)) {
+    const bool bInside = nOwner == pid || (nWord & 0x3FFFFFFF) == pid;
+    const bool bOutside = nWord == 0 || (nOwner != pid && nOwner != 0);
+    if (where == KillWhere::Inside ? !bInside : !bOutside) {
         kill(pid, SIGCONT);
         return 0;
     }
@@ -169,10 +191,17 @@ std::map<int32_t, Stored> TableContents(CWorkMessages& wm) {
     return out;
 }
 
-TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
-    WriteConfig("WM_Timeout_Secs=30\n"); // the survivors share a busy lock
+// Senders and receivers run while processes are killed and restarted at
+// random; with bInsideToo (and a robust lock) every other kill lands inside
+// the Controls lock. Nothing acknowledged is lost, no message is delivered
+// twice, and the survivors carry on.
+void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
+    // The survivors share a busy lock.
+    WriteConfig(bInsideToo ? "WM_Timeout_Secs=30\nWM_RecoverDeadOwner=true\n"
+                           : "WM_Timeout_Secs=30\n");
     CWorkMessages wm;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    if (bInsideToo && !RobustLocksWork(wm)) GTEST_SKIP() << kNoRobustLocks;
     CWorkMessagesTestAccess acc(wm);
     pthread_mutex_t& lock = acc.Controls()->MutexCtlrs;
     int stopSend[2], stopRecv[2];
@@ -212,19 +241,27 @@ TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
                                    std::max(0L, FileSize(root + "/log.402"))) /
                sizeof(LogRecord);
     };
+    int nInside = 0;
     const time_t tStart = time(nullptr);
     while (time(nullptr) < tStart + 6 ||
            (receivedSoFar() <= kMinReceived && time(nullptr) < tStart + 90)) {
         usleep(50000 + rng() % 200000);
         Worker& w = workers[rng() % workers.size()];
-        const int nKilled = KillOutsideTheLock(w.pid, lock);
+        // An inside kill waits for its moment, up to about a second.
+        const bool bInside = bInsideToo && killed.size() % 2 == 0;
+        int nKilled = 0;
+        for (int nTry = 0; nTry < (bInside ? 200 : 1) && nKilled == 0; ++nTry) {
+            if (nTry > 0) usleep(5000);
+            nKilled = KillIf(bInside ? KillWhere::Inside : KillWhere::Outside, w.pid, lock);
+        }
         if (nKilled == 0) continue;
+        if (bInside && nKilled > 0) ++nInside;
         if (nKilled < 0) ADD_FAILURE() << "worker ended by itself: " << ReadFile(faultFile(w));
         killed.insert({w.nUID, w.nLife});
         ++w.nLife;
         start(w);
     }
-    EXPECT_GE(killed.size(), 10u);
+    EXPECT_GE(killed.size(), bInsideToo ? 4u : 10u); // an inside kill waits for its moment
 
     // The survivors carried on: they end without a fault.
     close(stopSend[1]);
@@ -241,6 +278,14 @@ TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
     }
     close(stopSend[0]);
     close(stopRecv[0]);
+    // Every kill inside the lock was recovered from by the next holder (one
+    // that died recovering leaves the work to the next).
+    ASSERT_NE(wm.TargetActive(401, -1), M_LOCK) << wm.szErrorMsg;
+    const int32_t nRecoveries = acc.Controls()->Reserved[cstCtlRecoveries];
+    if (bInsideToo) {
+        EXPECT_GE(nInside, 2);
+        EXPECT_TRUE(nRecoveries >= 1 && nRecoveries <= nInside) << nRecoveries;
+    }
 
     std::map<int32_t, LogRecord> sent;
     std::map<std::pair<int32_t, int32_t>, int32_t> lastSeq; // (UID, life) -> last logged seq
@@ -288,6 +333,14 @@ TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
         EXPECT_TRUE(received.count(nKey) == 1 || left.count(nKey) == 1)
             << "lost: " << nKey << " from " << r.nSender << " seq " << r.nSeq;
     EXPECT_GT(received.size(), kMinReceived); // the run did real work
+}
+
+TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {
+    KillAndRestartWorkers(false);
+}
+
+TEST_F(CrashTest, WithARobustLockKillsInsideItLoseAndDuplicateNothing) {
+    KillAndRestartWorkers(true);
 }
 
 TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {
@@ -426,6 +479,145 @@ TEST_F(CrashTest, ADeadLockOwnerIsNamedUntilEveryUserHasStopped) {
     std::string fault;
     ASSERT_EQ(ReceiveLogged(fresh, log, 401, 1, block.data(), &fault), M_OK) << fault;
     EXPECT_EQ(ReadLog(root + "/log.401").at(0).nCrc, ReadLog(root + "/log.301").at(0).nCrc);
+}
+
+TEST_F(CrashTest, WithTheKeyADeadLockOwnerIsReplacedAndTheTablesAreRebuiltFromTheFiles) {
+    // Stored before the first constructor: messages 1 (pending, data slot 3,
+    // which the data file shows free) and 2 (received, data slot 4); data
+    // slot 7 marked with no message. Then ORDER 3 for 401 is sent, no data.
+    _WQCF_ pending = SlotRecord(WQCF_Pending, 0x40000001, 3, 5);
+    _WQCF_ received = SlotRecord(WQCF_Received, 0x40000002, 4, 5);
+    pending.nTargetUID = received.nTargetUID = 401;
+    WriteFile(wqcfFile, ControlFileImage(512, 0x40000003, {pending, received}));
+    WriteFile(wddfFile, DataFileImage({{4, "four"}, {7, "stray"}}));
+    WriteConfig("WM_RecoverDeadOwner=true\n");
+    CWorkMessages wm(true);
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    if (!RobustLocksWork(wm)) GTEST_SKIP() << kNoRobustLocks;
+    CWorkMessagesTestAccess acc(wm);
+    SendText(wm, 301, "ORDER", 401, nullptr);
+
+    // A receiver dies holding the lock, inside the filter that was offered
+    // message 1; the counter has moved on in memory only.
+    std::string held;
+    const pid_t pidOwner = StartParked([] { return ReceiveInsideTheLock(401, true); }, &held);
+    ASSERT_EQ(held, "lock");
+    acc.Controls()->nMsgCounter = 0x40000010;
+    Kill(pidOwner);
+
+    // A process without the key takes the lock over in its first call, well
+    // within one lock wait (1 s), logs one line, and gets message 1 again.
+    WriteConfig();
+    EXPECT_EQ(RunChild([&] {
+                  StderrCapture cap;
+                  CWorkMessages late;
+                  const std::string log = cap.Stop();
+                  if (late.nLastError != 0) return 1;
+                  const std::string line = "Recovered the Controls lock from dead owner thread " +
+                                           std::to_string(pidOwner) + ":";
+                  if (!Contains(log, line) || !Contains(log, "message counter 40000010, 1 data "
+                                                             "slots kept for their messages, 1 "
+                                                             "freed, registry sound; messages: 2 "
+                                                             "pending, 1 received"))
+                      return 2;
+                  WorkMsg m = {};
+                  char buf[16] = {};
+                  m.pDepData = buf;
+                  m.nDepDataLength = sizeof(buf);
+                  if (late.SetInput(401, "ORDER", nullptr, false) != M_OK ||
+                      late.Receive(401, 1, &m, false, nullptr) != M_OK ||
+                      m.nMessageID != 0x40000001)
+                      return 3;
+                  return 0;
+              }),
+              0);
+
+    // The tables equal the files; the next ID goes on from the shared counter.
+    WorkMsg m = {};
+    m.nTargetUID = 401;
+    ASSERT_EQ(wm.Send(301, "ORDER", &m, false), M_OK) << wm.szErrorMsg;
+    EXPECT_EQ(m.nMessageID, 0x40000010);
+    ASSERT_EQ(acc.GetPointers(), M_OK);
+    const std::string control = ReadFile(wqcfFile);
+    const std::string data = ReadFile(wddfFile);
+    const _SM_Controls_& ctl = *acc.Controls();
+    EXPECT_EQ(ImageHeader(control).nEntriesAllocated, ctl.nQSlotCount);
+    EXPECT_EQ(ImageHeader(control).nCurrentMsgID, ctl.nMsgCounter);
+    for (long i = 0; i < ctl.nQSlotCount; ++i) {
+        const _WQCF_ stored = ImageSlot(control, i);
+        EXPECT_EQ(memcmp(&stored, &acc.Queues()[i], sizeof(_WQCF_)), 0) << "slot " << i;
+    }
+    ASSERT_GE(data.size(), 8192u);
+    EXPECT_EQ(memcmp(data.data(), acc.SAT(), 8192), 0);
+    EXPECT_TRUE(DataSlotMarked(data, 3) && DataSlotMarked(data, 4) && !DataSlotMarked(data, 7));
+    acc.Return(M_OK);
+
+    EXPECT_EQ(ctl.Reserved[cstCtlRecoveries], 1);
+    const std::string status = Wmctl("status");
+    if (!status.empty()) {
+        EXPECT_TRUE(Contains(status, "Dead-owner recovery: on (robust lock), 1 recovery since the "
+                                     "segments were built") &&
+                    Contains(status, "after thread " + std::to_string(pidOwner) + " died"))
+            << status;
+    }
+}
+
+TEST_F(CrashTest, WithTheKeyAGrowthCutOffByADeathEndsWithEveryStoredMessage) {
+    // This process keeps its mappings, so it still holds a registry segment
+    // that a cut-off growth has removed.
+    WriteConfig("WM_RecoverDeadOwner=true\nWM_KeepAttached=true\n");
+    CWorkMessages wm;
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    if (!RobustLocksWork(wm)) GTEST_SKIP() << kNoRobustLocks;
+    ASSERT_EQ(wm.SetInput(401, "ORDER", nullptr, false), M_OK);
+    for (const char* text : {"one", "two", "three"})
+        SendText(wm, 301, "ORDER", 401, text);
+
+    const struct {
+        const char* what;
+        void (*cut)(_SM_Controls_& c);
+    } cases[] = {
+        {"control table growth, old segment removed",
+         [](_SM_Controls_& c) { shmctl(c.nQueuesHandle, IPC_RMID, nullptr); }},
+        {"control table growth, an empty larger segment published",
+         [](_SM_Controls_& c) {
+             shmctl(c.nQueuesHandle, IPC_RMID, nullptr);
+             c.nQSlotCount += 128;
+             c.nQueuesHandle =
+                 shmget(CWorkMessages::cstWMQueuesSHMKey,
+                        static_cast<size_t>(c.nQSlotCount) * sizeof(_WQCF_), IPC_CREAT | 0666);
+         }},
+        {"registry growth, old segment removed",
+         [](_SM_Controls_& c) { shmctl(c.nPRListHandle, IPC_RMID, nullptr); }},
+    };
+    for (const auto& c : cases) {
+        std::string held;
+        const pid_t pid = StartParked(
+            [&c]() -> std::string {
+                CWorkMessagesTestAccess a(*new CWorkMessages);
+                a.RecordCaller();
+                if (!a.GetControlsLock(1) || a.GetPointers() != M_OK) return "no lock";
+                c.cut(*a.Controls());
+                return "lock";
+            },
+            &held);
+        ASSERT_EQ(held, "lock") << c.what;
+        Kill(pid);
+        EXPECT_EQ(wm.TargetActive(401, 1), M_OK) << c.what << ": " << wm.szErrorMsg;
+        __GET_COUNTERS__ENTRY2 row = {};
+        ASSERT_EQ(wm.GetCounters(&row), M_OK) << c.what;
+        EXPECT_EQ(row.Counter[WQCF_Pending], 3) << c.what;
+    }
+    // Their data is whole.
+    std::vector<char> block(16);
+    for (const char* text : {"one", "two", "three"}) {
+        WorkMsg m = {};
+        m.pDepData = block.data();
+        m.nDepDataLength = static_cast<long>(block.size());
+        ASSERT_EQ(wm.Receive(401, 1, &m, false, nullptr), M_OK) << wm.szErrorMsg;
+        EXPECT_STREQ(block.data(), text);
+    }
+    EXPECT_EQ(CWorkMessagesTestAccess(wm).Controls()->Reserved[cstCtlRecoveries], 3);
 }
 
 } // namespace

@@ -41,9 +41,11 @@ const size_t kOffUIDsCount = 36;
 const size_t kOffQSlotCount = 40;
 const size_t kOffPRLSlotCount = 44;
 const size_t kOffLastCleanup = 48;
+const size_t kOffReserved = 56;
 const size_t kOffLockOwner = 136;
 const size_t kControlsMin = kOffLockOwner + 4;
 static_assert(offsetof(_SM_Controls_, nQSlotCount) == kOffQSlotCount, "Controls layout");
+static_assert(offsetof(_SM_Controls_, Reserved) == kOffReserved, "Controls layout");
 
 // A read-only attachment, detached when the object goes.
 class ReadOnlySegment {
@@ -177,6 +179,10 @@ bool ReadLiveState(LiveState* p, unsigned nParts) {
         p->nPRLSlotCount = seg.Int32At(kOffPRLSlotCount);
         p->nLastCleanup = seg.Int32At(kOffLastCleanup);
         p->nLockOwner = seg.Int32At(kOffLockOwner);
+        p->nLockFlags = seg.Int32At(kOffReserved + 4 * cstCtlLockFlags);
+        p->nRecoveries = seg.Int32At(kOffReserved + 4 * cstCtlRecoveries);
+        p->nDeadOwner = seg.Int32At(kOffReserved + 4 * cstCtlDeadOwner);
+        p->nLastRecovery = seg.Int32At(kOffReserved + 4 * cstCtlLastRecovery);
         if (nParts & kLiveQueues)
             CopyTable(p->nQueuesHandle, p->nQSlotCount, "Queues", &p->slots, &p->problems);
         if (nParts & kLiveRegistry)

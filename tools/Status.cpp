@@ -1,7 +1,8 @@
 // `wmctl status`: what the host's shared state looks like right now.
 //
 // It shows the six segments (ID, size, attachments), who holds the Controls
-// lock and whether that thread still exists, the control table's size and
+// lock and whether that thread still exists, whether the lock is robust and
+// how often a dead owner was recovered, the control table's size and
 // message counter, every receiver registration with its process and whether
 // that process still runs, and the messages by state. It reads a snapshot
 // through read-only attachments and never takes the lock (Ipc.cpp), so it
@@ -71,6 +72,8 @@ int CmdStatus(const StatusOpts& o) {
             ++nInvalid;
     }
     const bool bOwnerAlive = ThreadExists(st.nLockOwner);
+    const bool bRobust = (st.nLockFlags & cstLockRobust) != 0;
+    const bool bPending = (st.nLockFlags & cstRecoveryPending) != 0;
     std::vector<const _PRL_CTL_*> entries;
     for (const _PRL_CTL_& e : st.registry)
         if (e.nUID != 0) entries.push_back(&e);
@@ -90,6 +93,11 @@ int CmdStatus(const StatusOpts& o) {
                                     .Add("size", st.nControlsSize)
                                     .Add("lock_owner", st.nLockOwner)
                                     .Add("lock_owner_alive", bOwnerAlive)
+                                    .Add("lock_robust", bRobust)
+                                    .Add("recoveries", st.nRecoveries)
+                                    .Add("recovery_pending", bPending)
+                                    .Add("last_recovery", st.nLastRecovery)
+                                    .Add("last_dead_owner", st.nDeadOwner)
                                     .Add("slots", st.nQSlotCount)
                                     .Add("message_counter", st.nMsgCounter)
                                     .Add("message_counter_hex", HexId(st.nMsgCounter))
@@ -170,10 +178,28 @@ int CmdStatus(const StatusOpts& o) {
         printf("Controls lock: free\n");
     else if (bOwnerAlive)
         printf("Controls lock: held by thread %d\n", st.nLockOwner);
+    else if (bRobust)
+        printf("Controls lock: held by thread %d, which no longer exists: the next operation "
+               "takes it over and rebuilds the tables from the files\n",
+               st.nLockOwner);
     else
         printf("Controls lock: held by thread %d, which no longer exists: operations fail with "
                "M_LOCK until every process has detached and the shared state is rebuilt\n",
                st.nLockOwner);
+    if (!bRobust)
+        printf("Dead-owner recovery: off (the lock is not robust)\n");
+    else if (st.nRecoveries == 0)
+        printf("Dead-owner recovery: on (robust lock), no recovery since the segments were "
+               "built\n");
+    else
+        printf("Dead-owner recovery: on (robust lock), %d recover%s since the segments were "
+               "built, the last at %s after thread %d died\n",
+               st.nRecoveries, st.nRecoveries == 1 ? "y" : "ies",
+               FormatTime(st.nLastRecovery).c_str(), st.nDeadOwner);
+    if (bPending)
+        printf("Recovery pending: a rebuild after thread %d died has not completed; the next "
+               "operation tries again\n",
+               st.nDeadOwner);
     printf("Control slots: %d   next message ID: %s   last load: %s\n", st.nQSlotCount,
            HexId(st.nMsgCounter).c_str(), FormatTime(st.nLastCleanup).c_str());
     printf("Messages: %ld pending, %ld received, %ld retry, %ld delayed retry (%ld slots free",

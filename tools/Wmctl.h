@@ -157,6 +157,8 @@ struct LiveState {
     int32_t nQNameCount = 0, nUIDsCount = 0, nQSlotCount = 0, nPRLSlotCount = 0;
     int32_t nLastCleanup = 0;
     int32_t nLockOwner = 0; // kernel thread ID in the mutex's owner word; 0 = free
+    // The recovery words (WorkMessages.h, ControlsRecoveryWords).
+    int32_t nLockFlags = 0, nRecoveries = 0, nDeadOwner = 0, nLastRecovery = 0;
     std::vector<_WQCF_> slots;
     std::vector<_PRL_CTL_> registry;
     std::vector<_WQCONF_> names;
