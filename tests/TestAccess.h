@@ -22,6 +22,7 @@ public:
     bool& InternalCall() { return o.bInternalCall; }
     bool& HoldingConstructorLock() { return o.bHoldingConstructorLock; }
     bool& Trace() { return o.bTrace; }
+    bool& KeepAttached() { return o.bKeepAttached; }
     FILE*& LockFile() { return o.pLOCKFile; }
     time_t& AcquiredMutex() { return o.tAcquiredMutex; }
     int& WhineCount() { return o.nWhineCount; }

@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -39,13 +39,13 @@ std::string ReadFile(const std::string& path) {
 }
 
 bool FileExists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    return std::filesystem::exists(path);
 }
 
 long FileSize(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
+    std::error_code ec;
+    const auto n = std::filesystem::file_size(path, ec);
+    return ec ? -1 : static_cast<long>(n);
 }
 
 bool Contains(const std::string& text, const std::string& part) {
@@ -204,23 +204,6 @@ std::string StderrCapture::Stop() {
     return out;
 }
 
-static void MakeDirs(const std::string& path) {
-    std::string cur;
-    std::stringstream ss(path);
-    std::string part;
-    while (std::getline(ss, part, '/')) {
-        if (part.empty()) continue;
-        cur += "/" + part;
-        mkdir(cur.c_str(), 0775);
-    }
-}
-
-static void RemoveTree(const std::string& path) {
-    if (path.size() < 8 || path.find("/qvwm.") == std::string::npos) return;
-    std::string cmd = "rm -rf '" + path + "'";
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", path.c_str());
-}
-
 void WmTest::SetUp() {
     RemoveSegments();
     const char* tmp = getenv("TMPDIR");
@@ -238,9 +221,8 @@ void WmTest::SetUp() {
     configFile = root + "/gdda.conf";
     wqcfFile = dbDir + "/WQCF.bdb";
     wddfFile = dbDir + "/WDDF.bdb";
-    MakeDirs(appconfDir);
-    MakeDirs(dbDir);
-    MakeDirs(rejectDir);
+    for (const std::string& dir : {appconfDir, dbDir, rejectDir})
+        std::filesystem::create_directories(dir);
     WriteFile(namesFile, kDefaultNames);
     WriteFile(uidsFile, kDefaultUIDs);
     WriteConfig();
@@ -256,7 +238,9 @@ void WmTest::WriteConfig(const std::string& devExtra, bool withDbPath) {
 
 void WmTest::TearDown() {
     RemoveSegments();
-    if (!HasFailure() || getenv("QV_WM_KEEP_TEST_DIRS") == nullptr) RemoveTree(root);
+    std::error_code ec; // a failed test's files stay on request
+    if (!HasFailure() || getenv("QV_WM_KEEP_TEST_DIRS") == nullptr)
+        std::filesystem::remove_all(root, ec);
 }
 
 } // namespace wmtest

@@ -1,6 +1,7 @@
-// Helpers of the load and crash tests: message data that proves who sent it
-// and that it arrived whole, logs that survive a SIGKILL of their writer, and
-// the send and receive steps that write them.
+// The workload driver of the load and crash tests: message data that proves
+// who sent it and that it arrived whole, logs that survive a SIGKILL of their
+// writer, the send and receive loops that write them, and the check of what
+// the logs say against what was sent.
 //
 // Every message's data is derived from (sender UID, sequence number, length):
 // from 16 bytes on it starts with a header naming sender, sequence and length
@@ -16,8 +17,12 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -169,6 +174,107 @@ inline long ReceiveLogged(CWorkMessages& wm, AppendLog& log, int32_t nUID, long 
     if (!log.Write(r)) return M_SYSERR;
     return wm.Delete(nUID, m.nMessageID);
 }
+
+// What a sender sends as message nSeq; a function of the sequence number, so
+// that a test knows in advance what each receiver must get.
+struct Planned {
+    int32_t nTarget;
+    const char* szType;
+    int32_t nLength;
+    bool bHigh;
+};
+
+// Sends nSender's messages nFirst, nFirst + 1, ... up to nEnd as planned,
+// logging each, pausing nPauseUsecs after each; stops early once fdStop (if
+// not -1) is closed. "" or the first fault.
+inline std::string SendMany(CWorkMessages& wm, const std::string& strLog, int32_t nSender,
+                            int32_t nFirst, int32_t nEnd, int fdStop,
+                            const std::function<Planned(int32_t)>& plan,
+                            useconds_t nPauseUsecs = 0) {
+    AppendLog log(strLog);
+    std::vector<char> block(kBlock);
+    for (int32_t seq = nFirst; seq < nEnd && (fdStop < 0 || !Closed(fdStop)); ++seq) {
+        const Planned p = plan(seq);
+        const long rc = SendLogged(wm, log, nSender, seq, p.nTarget, p.szType, p.nLength, p.bHigh,
+                                   block.data());
+        if (rc != M_OK && rc != M_NOTACT) return Failure("Send", rc, wm);
+        if (nPauseUsecs > 0) usleep(nPauseUsecs);
+    }
+    return "";
+}
+
+// Receives, logs and deletes nUID's messages, waiting nWait seconds each,
+// until nCount have come; with fdStop (not -1), until it is closed and a
+// receive finds nothing. Without fdStop ten empty receives in a row are a
+// fault. "" or the first fault.
+inline std::string ReceiveMany(CWorkMessages& wm, const std::string& strLog, int32_t nUID,
+                               long nCount, long nWait, int fdStop) {
+    AppendLog log(strLog);
+    std::vector<char> block(kBlock);
+    std::string fault;
+    for (long got = 0, idle = 0; got < nCount;) {
+        const long rc = ReceiveLogged(wm, log, nUID, nWait, block.data(), &fault);
+        if (rc == M_TIMEOUT && fdStop >= 0 && Closed(fdStop)) break;
+        if (rc == M_TIMEOUT && (fdStop >= 0 || ++idle < 10)) continue;
+        if (rc != M_OK)
+            return fault.empty() ? Failure("receive", rc, wm) + " after " + std::to_string(got)
+                                 : fault;
+        ++got, idle = 0;
+    }
+    return "";
+}
+
+// The delivery as the logs tell it: no ID sent twice; every message received
+// at most once, whole, by its target, with its sender, type and priority; on
+// an oldest-first receiver each sender's messages of one priority in the
+// order sent. A message that no sender logged passes only when unlogged says
+// it may (a sender killed between Send's return and its log).
+class Delivery {
+public:
+    void Sent(const std::string& strLog) {
+        for (const LogRecord& r : ReadLog(strLog))
+            Check(sent.emplace(r.nKey, r).second, r, "two messages with one ID");
+    }
+    // Returns how many messages the receiver logged.
+    size_t Received(const std::string& strLog, bool bOrdered) {
+        std::map<std::pair<int32_t, int32_t>, int32_t> last; // (sender, high) -> seq
+        const std::vector<LogRecord> log = ReadLog(strLog);
+        for (const LogRecord& r : log) {
+            Check(received.insert(r.nKey).second, r, "received twice");
+            const auto it = sent.find(r.nKey);
+            if (it == sent.end()) {
+                Check(unlogged && unlogged(r.nKey, r.nSender, r.nSeq), r, "never sent");
+                continue;
+            }
+            const LogRecord& s = it->second;
+            Check(r.nWho == s.nTarget && r.nSender == s.nSender && r.nType == s.nType &&
+                      r.nHigh == s.nHigh,
+                  r, "wrong target, sender, type or priority");
+            Check(r.nCrc == s.nCrc && (r.nSeq == -1 || r.nSeq == s.nSeq), r, "data damaged");
+            if (!bOrdered) continue;
+            int32_t& prev = last.emplace(std::make_pair(s.nSender, s.nHigh), -1).first->second;
+            Check(s.nSeq > prev, s, "out of order");
+            prev = s.nSeq;
+        }
+        return log.size();
+    }
+    // Every message sent was received or is among those left.
+    void NoneLost(const std::set<int32_t>& left = {}) {
+        for (const auto& [nKey, s] : sent)
+            Check(received.count(nKey) == 1 || left.count(nKey) == 1, s, "lost");
+    }
+    std::function<bool(int32_t nKey, int32_t nSender, int32_t nSeq)> unlogged;
+    std::map<int32_t, LogRecord> sent;
+    std::set<int32_t> received;
+    int nFaults = 0; // the first five are reported
+
+private:
+    void Check(bool ok, const LogRecord& r, const char* what) {
+        if (!ok && ++nFaults <= 5)
+            ADD_FAILURE() << what << ": key " << r.nKey << " sender " << r.nSender << " seq "
+                          << r.nSeq << " at " << r.nWho;
+    }
+};
 
 } // namespace wmtest
 

@@ -45,23 +45,14 @@ TEST_F(BadArgsTest, NonsenseGetsACodeAndChangesNothing) {
         const std::string sat(reinterpret_cast<const char*>(acc.SAT()), 8192);
 
         char buf[16] = "";
-        WorkMsg negative = Msg(0, buf, -5), other = Msg(102, data, 7);
+        WorkMsg negative = Msg(0, buf, -5), other = Msg(102, data, 7), any = Msg(0, buf, 16);
         std::vector<Call> calls = {
-            {"receive for UID 0",
-             [&] {
-                 WorkMsg r = Msg(0, buf, sizeof(buf));
-                 return wm.Receive(0, 1, &r, false, nullptr);
-             },
-             M_ILSEQ, false},
+            {"receive for UID 0", [&] { return wm.Receive(0, 1, &any, false, nullptr); }, M_ILSEQ,
+             false},
             {"receive into a negative capacity",
              [&] { return wm.ReceiveByMsg(102, 1, &negative, -1, -1, false, nullptr); }, M_TOOBIG,
              false},
-            {"delete ID -1",
-             [&] {
-                 const long rc = wm.Delete(102, -1);
-                 return rc;
-             },
-             M_MSGID, true},
+            {"delete ID -1", [&] { return wm.Delete(102, -1); }, M_MSGID, true},
             {"reject ID -1", [&] { return wm.Reject(102, -1); }, M_MSGID, true},
             {"retry ID -1", [&] { return wm.Retry(102, -1, false, 1); }, M_MSGID, true},
             {"register an empty name", [&] { return wm.SetInput(102, "", nullptr, false); }, M_NAME,

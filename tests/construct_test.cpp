@@ -119,13 +119,14 @@ TEST_F(ConstructTest, ConfigurationFailuresAreReportedWithTheStoreReason) {
 
 TEST_F(ConstructTest, DefaultsApplyWhenKeysAreMissing) {
     // No WM_DBPath: Root/<level>/data/msgq, which is the fixture's dbDir.
-    WriteConfig("Running_UID=no-such-user-here\n", false);
+    WriteFile(configFile,
+              "[Global]\nLevel=Dev\nRoot=" + root + "\n[Dev]\nRunning_UID=no-such-user-here\n");
     CWorkMessages wm;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     CWorkMessagesTestAccess acc(wm);
     EXPECT_EQ(acc.DBPath(), root + "/Dev/data/msgq");
     EXPECT_TRUE(acc.FileUID() == 507u && acc.FileGID() == 504u);
-    EXPECT_TRUE(acc.LockTimeOut() == 1 && !acc.Trace());
+    EXPECT_TRUE(acc.LockTimeOut() == 5 && !acc.Trace() && !acc.KeepAttached());
     struct stat st; // ownership can be given only as root
     EXPECT_TRUE(getuid() != 0 || (stat(wqcfFile.c_str(), &st) == 0 && st.st_uid == 507u &&
                                   st.st_gid == 504u && (st.st_mode & 0777) == 0664u));

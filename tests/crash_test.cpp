@@ -133,39 +133,24 @@ int KillIf(KillWhere where, pid_t pid, pthread_mutex_t& lock) {
     return 1;
 }
 
-// One life of a sender: messages to 401 and 402 until the stop pipe closes.
-std::string Sender(int32_t nUID, int32_t nLife, int fdStop, const std::string& strLog) {
+// One life of a worker: a sender of messages to 401 and 402 until the stop
+// pipe closes, or a receiver until the pipe is closed and nothing is left.
+std::string Life(int32_t nUID, int32_t nLife, int fdStop, const std::string& strLog) {
     CWorkMessages wm;
     if (wm.nLastError != 0) return Failure("construction", wm.nLastError, wm);
-    AppendLog log(strLog);
-    std::vector<char> block(kBlock);
+    if (nUID > 400)
+        return wm.SetInput(nUID, "ORDER", nullptr, false) != M_OK
+                   ? Failure("SetInput", 0, wm)
+                   : ReceiveMany(wm, strLog, nUID, LONG_MAX, 1, fdStop);
     std::mt19937 rng(static_cast<unsigned>(nUID * 1000 + nLife));
-    for (int32_t seq = nLife * kSeqsPerLife; !Closed(fdStop); ++seq) {
-        const long rc =
-            SendLogged(wm, log, nUID, seq, 401 + static_cast<int32_t>(rng() % 2), kTypes[rng() % 4],
-                       kHeader + static_cast<int32_t>(rng() % (kBlock - kHeader + 1)),
-                       rng() % 8 == 0, block.data());
-        if (rc != M_OK && rc != M_NOTACT) return Failure("Send", rc, wm);
-        usleep(500);
-    }
-    return "";
-}
-
-// One life of a receiver: receives until the stop pipe is closed and nothing
-// is left.
-std::string Receiver(int32_t nUID, int fdStop, const std::string& strLog) {
-    CWorkMessages wm;
-    if (wm.nLastError != 0) return Failure("construction", wm.nLastError, wm);
-    if (wm.SetInput(nUID, "ORDER", nullptr, false) != M_OK) return Failure("SetInput", 0, wm);
-    AppendLog log(strLog);
-    std::vector<char> block(kBlock);
-    std::string fault;
-    for (;;) {
-        const long rc = ReceiveLogged(wm, log, nUID, 1, block.data(), &fault);
-        if (rc == M_TIMEOUT && Closed(fdStop)) return "";
-        if (rc != M_OK && rc != M_TIMEOUT)
-            return fault.empty() ? Failure("receive", rc, wm) : fault;
-    }
+    return SendMany(
+        wm, strLog, nUID, nLife * kSeqsPerLife, INT32_MAX, fdStop,
+        [&](int32_t) {
+            return Planned{401 + static_cast<int32_t>(rng() % 2), kTypes[rng() % 4],
+                           kHeader + static_cast<int32_t>(rng() % (kBlock - kHeader + 1)),
+                           rng() % 8 == 0};
+        },
+        500);
 }
 
 // What the table holds: key -> (state, sender, seq), from each message's data.
@@ -221,8 +206,8 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
             close(stopSend[1]);
             close(stopRecv[1]);
             const std::string log = root + "/log." + std::to_string(w.nUID);
-            const std::string fault = w.nUID < 400 ? Sender(w.nUID, w.nLife, stopSend[0], log)
-                                                   : Receiver(w.nUID, stopRecv[0], log);
+            const std::string fault =
+                Life(w.nUID, w.nLife, w.nUID < 400 ? stopSend[0] : stopRecv[0], log);
             WriteFile(faultFile(w), fault);
             return fault.empty() ? 0 : 1;
         });
@@ -263,21 +248,15 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
     }
     EXPECT_GE(killed.size(), bInsideToo ? 4u : 10u); // an inside kill waits for its moment
 
-    // The survivors carried on: they end without a fault.
-    close(stopSend[1]);
-    for (Worker& w : workers) {
-        if (w.nUID < 400) {
-            EXPECT_EQ(WaitChild(w.pid), 0) << ReadFile(faultFile(w));
-        }
+    // The survivors carried on: they end without a fault, the senders first.
+    for (int* stop : {stopSend, stopRecv}) {
+        close(stop[1]);
+        for (Worker& w : workers)
+            if ((w.nUID < 400) == (stop == stopSend)) {
+                EXPECT_EQ(WaitChild(w.pid), 0) << ReadFile(faultFile(w));
+            }
+        close(stop[0]);
     }
-    close(stopRecv[1]);
-    for (Worker& w : workers) {
-        if (w.nUID > 400) {
-            EXPECT_EQ(WaitChild(w.pid), 0) << ReadFile(faultFile(w));
-        }
-    }
-    close(stopSend[0]);
-    close(stopRecv[0]);
     // Every kill inside the lock was recovered from by the next holder (one
     // that died recovering leaves the work to the next).
     ASSERT_NE(wm.TargetActive(401, -1), M_LOCK) << wm.szErrorMsg;
@@ -287,52 +266,43 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
         EXPECT_TRUE(nRecoveries >= 1 && nRecoveries <= nInside) << nRecoveries;
     }
 
-    std::map<int32_t, LogRecord> sent;
+    Delivery d;
     std::map<std::pair<int32_t, int32_t>, int32_t> lastSeq; // (UID, life) -> last logged seq
-    for (int32_t uid : {301, 302}) {
-        for (const LogRecord& r : ReadLog(root + "/log." + std::to_string(uid))) {
-            EXPECT_TRUE(sent.emplace(r.nKey, r).second) << "one ID sent twice: " << r.nKey;
-            int32_t& last =
-                lastSeq.emplace(std::make_pair(uid, r.nSeq / kSeqsPerLife), -1).first->second;
-            last = std::max(last, r.nSeq);
-        }
+    for (int32_t uid : {301, 302})
+        d.Sent(root + "/log." + std::to_string(uid));
+    for (const auto& [nKey, r] : d.sent) {
+        int32_t& last =
+            lastSeq.emplace(std::make_pair(r.nSender, r.nSeq / kSeqsPerLife), -1).first->second;
+        last = std::max(last, r.nSeq);
     }
     // A message without a record is allowed only as the last one of a killed
     // sender's life: the kill came between Send's return and the record.
     std::set<std::pair<int32_t, int32_t>> extras;
-    auto known = [&](int32_t nKey, int32_t nSender, int32_t nSeq) {
-        const auto it = sent.find(nKey);
-        if (it != sent.end()) return it->second.nSender == nSender && it->second.nSeq == nSeq;
+    d.unlogged = [&](int32_t, int32_t nSender, int32_t nSeq) {
         const int32_t nLife = nSeq / kSeqsPerLife;
         const auto last = lastSeq.find({nSender, nLife});
         const int32_t nNext = last == lastSeq.end() ? nLife * kSeqsPerLife : last->second + 1;
         return killed.count({nSender, nLife}) == 1 && nSeq == nNext &&
                extras.insert({nSender, nLife}).second;
     };
-
-    std::set<int32_t> received;
-    for (int32_t uid : {401, 402}) {
-        for (const LogRecord& r : ReadLog(root + "/log." + std::to_string(uid))) {
-            EXPECT_TRUE(received.insert(r.nKey).second) << "received twice: " << r.nKey;
-            EXPECT_TRUE(known(r.nKey, r.nSender, r.nSeq)) << "never sent: " << r.nKey;
-            const auto it = sent.find(r.nKey);
-            if (it != sent.end()) {
-                EXPECT_TRUE(r.nCrc == it->second.nCrc && r.nWho == it->second.nTarget) << r.nKey;
-            }
-        }
-    }
+    for (int32_t uid : {401, 402})
+        d.Received(root + "/log." + std::to_string(uid), false);
     // What is left was received by a process killed before it deleted it.
-    const std::map<int32_t, Stored> left = TableContents(wm);
-    for (const auto& [nKey, s] : left) {
+    std::set<int32_t> left;
+    for (const auto& [nKey, s] : TableContents(wm)) {
         EXPECT_EQ(s.nState, WQCF_Received) << nKey;
-        if (received.count(nKey) == 0) {
-            EXPECT_TRUE(known(nKey, s.nSender, s.nSeq)) << "never sent: " << nKey;
+        left.insert(nKey);
+        const auto it = d.sent.find(nKey);
+        if (d.received.count(nKey) == 0) {
+            EXPECT_TRUE(it != d.sent.end()
+                            ? it->second.nSender == s.nSender && it->second.nSeq == s.nSeq
+                            : d.unlogged(nKey, s.nSender, s.nSeq))
+                << "never sent: " << nKey;
         }
     }
-    for (const auto& [nKey, r] : sent)
-        EXPECT_TRUE(received.count(nKey) == 1 || left.count(nKey) == 1)
-            << "lost: " << nKey << " from " << r.nSender << " seq " << r.nSeq;
-    EXPECT_GT(received.size(), kMinReceived); // the run did real work
+    d.NoneLost(left);
+    EXPECT_EQ(d.nFaults, 0);
+    EXPECT_GT(d.received.size(), kMinReceived); // the run did real work
 }
 
 TEST_F(CrashTest, ProcessesKilledOutsideTheLockLoseAndDuplicateNothing) {

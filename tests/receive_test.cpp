@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <map>
 #include <regex>
 #include <string>
 #include <vector>
@@ -47,9 +48,8 @@ protected:
     // State in the control file of the message in use with this slot ID.
     long FileState(long id) {
         const std::string s = wmtest::ReadFile(wqcfFile);
-        _WQCF_ rec{};
-        for (size_t off = 64; off + 64 <= s.size(); off += 64) {
-            memcpy(&rec, s.data() + off, 64);
+        for (long n = 0; 64 * (n + 2) <= static_cast<long>(s.size()); ++n) {
+            const _WQCF_ rec = wmtest::ImageSlot(s, n);
             if (rec.nflag != WQCF_Available && rec.nMessageID == id) return rec.nflag;
         }
         return WQCF_Available;
@@ -85,35 +85,71 @@ TEST_F(ReceiveTest, OldestOrNewestFirstAndHighPriority) {
     EXPECT_EQ(lifo, "CBAD");
 }
 
-int nRefused = 0;
-bool RefuseAll(void*) {
-    ++nRefused;
-    return false;
+std::vector<std::string> vecSeen; // what Choosy was offered, in order
+std::string strRefused;           // " a b ": the texts Choosy refuses
+bool Choosy(void* p) {
+    vecSeen.emplace_back(static_cast<const char*>(p));
+    return strRefused.find(" " + vecSeen.back() + " ") == std::string::npos;
 }
 
-TEST_F(ReceiveTest, TypeRangesAndTheFilterChooseAmongTheCandidates) {
+// After a refusal the search goes on with the next candidate in the
+// receiver's order: every candidate is offered once, none is passed over, and
+// the first one accepted is delivered; in both orders, within type ranges,
+// and through both retry passes.
+TEST_F(ReceiveTest, TheFilterIsOfferedEveryCandidateOnceInOrder) {
     CWorkMessages wm;
     ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
-    ASSERT_EQ(wmtest::RunChild([] {
+    ASSERT_EQ(wm.SetInput(103, "ORDER", nullptr, true), M_OK);
+    const char* const types[] = {"ORDER", "INVOICE", "REPORT", "ALERT"}; // 1 to 4
+    const std::vector<std::string> texts = {"o1", "i2", "r3", "a4", "o5", "i6", "r7", "a8"};
+    ASSERT_EQ(wmtest::RunChild([&] {
                   int n = 0;
-                  for (const char* type : {"ALERT", "REPORT", "INVOICE", "ORDER"})
-                      n |= SendAll(102, type, {type});
+                  for (long uid : {103, 102}) // 103 from slot 0 on
+                      for (size_t i = 0; i < texts.size(); ++i)
+                          n |= SendAll(uid, types[i % 4], {texts[i]});
                   return n;
               }),
               0);
-    // Ranges choose types, not registrations.
-    EXPECT_EQ(Next(wm, 102, 3, 3), "REPORT");
-    EXPECT_EQ(Next(wm, 102, -1, 2), "INVOICE");      // types up to 2, oldest first
-    EXPECT_EQ(Next(wm, 102, 2, 3), Code(M_TIMEOUT)); // ALERT (4) and ORDER (1) are outside
-    // A refused candidate keeps waiting; the search goes on past it.
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(Next(wm, 102, -1, -1, false, RefuseAll), Code(M_TIMEOUT));
+    std::map<std::string, long> ids;
+    // "offered > delivered" for one receive through Choosy.
+    auto take = [&](long uid, long lo, long hi, bool retry, const std::string& refuse) {
+        strRefused = " " + refuse + " ";
+        vecSeen.clear();
+        const std::string got = Next(wm, uid, lo, hi, retry, Choosy);
+        ids[got] = last.nMessageID;
+        std::string seen;
+        for (const std::string& s : vecSeen)
+            seen += s + " ";
+        return seen + "> " + got;
+    };
+    EXPECT_EQ(take(102, -1, -1, false, "o1 i2 r3 a4"), "o1 i2 r3 a4 o5 > o5");
+    EXPECT_EQ(take(102, 2, 3, false, "i2"), "i2 r3 > r3");
+    EXPECT_EQ(take(102, -1, 2, false, "o1 i2"), "o1 i2 i6 > i6");
+    EXPECT_EQ(take(102, 4, 4, false, "a4"), "a4 a8 > a8");
+    ASSERT_EQ(wm.Retry(102, ids["o5"], true, 0) | wm.Retry(102, ids["r3"], false, 0) |
+                  wm.Retry(102, ids["i6"], false, 0),
+              M_OK);
+    EXPECT_EQ(take(102, -1, -1, true, "r3"), "r3 i6 > i6");
+    EXPECT_EQ(take(102, -1, -1, true, "r3"), "r3 o5 > o5"); // then the delayed pass
+    EXPECT_EQ(take(102, -1, -1, true, "r3"), "r3 > " + Code(M_NONE));
+    EXPECT_EQ(FileState(ids["r3"]), WQCF_Retry); // refused: as it was
+    EXPECT_EQ(FileState(ids["a8"]), WQCF_Received);
+    EXPECT_EQ(Next(wm, 102), "o1");
+    EXPECT_EQ(Next(wm, 102, 5, 9), Code(M_TIMEOUT)); // no type in the range
+
+    EXPECT_EQ(take(103, -1, -1, false, "a8 r7 i6 o5"), "a8 r7 i6 o5 a4 > a4");
+    EXPECT_EQ(take(103, 1, 2, false, "i6 o5"), "i6 o5 i2 > i2");
+    EXPECT_EQ(take(103, 3, -1, false, "a8 r7"), "a8 r7 i6 > i6"); // no upper bound: all types
+    ASSERT_EQ(wm.Retry(103, ids["a4"], false, 0) | wm.Retry(103, ids["i2"], false, 0) |
+                  wm.Retry(103, ids["i6"], true, 0),
+              M_OK);
+    EXPECT_EQ(take(103, -1, -1, true, "a4"), "a4 i2 > i2");
+    EXPECT_EQ(take(103, -1, -1, true, "a4"), "a4 i6 > i6");
+    // Refused candidates are not offered again while the wait goes on.
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(take(103, -1, -1, false, "a8 r7 o5 r3 o1"), "a8 r7 o5 r3 o1 > " + Code(M_TIMEOUT));
     EXPECT_GT(Seconds(t0), 0.9);
-    EXPECT_EQ(nRefused, 2); // each once
-    auto takeOrder = [](void* p) { return strncmp(static_cast<char*>(p), "ORDER", 5) == 0; };
-    EXPECT_EQ(Next(wm, 102, -1, -1, false, takeOrder), "ORDER");
-    EXPECT_EQ(FileState(last.nMessageID), WQCF_Received);
-    EXPECT_EQ(Next(wm, 102, 99, -1), "ALERT"); // no upper bound: every type
+    EXPECT_EQ(Next(wm, 103, 99, -1), "a8"); // no upper bound: every type
 }
 
 TEST_F(ReceiveTest, RetryPassesTakeRetryBeforeDelayedAndStampTheRetry) {

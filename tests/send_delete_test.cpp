@@ -24,11 +24,7 @@ protected:
     // Control file record of slot (-1: the header, its counter where a slot has its ID;
     // 0xEE bytes if missing). With an object, the slot in memory must be the same.
     _WQCF_ Slot(long slot, CWorkMessages* wm = nullptr) {
-        _WQCF_ rec;
-        memset(static_cast<void*>(&rec), 0xEE, sizeof(rec));
-        const std::string s = wmtest::ReadFile(wqcfFile);
-        if (s.size() >= size_t(64 * (slot + 2)))
-            memcpy(&rec, s.data() + 64 * (slot + 1), sizeof(rec));
+        const _WQCF_ rec = wmtest::ImageSlot(wmtest::ReadFile(wqcfFile), slot);
         if (!wm) return rec;
         CWorkMessagesTestAccess acc(*wm);
         EXPECT_EQ(acc.GetPointers(), M_OK);

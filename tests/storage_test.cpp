@@ -54,11 +54,7 @@ TEST_F(StorageTest, FirstConstructorCreatesBothFiles) {
         CWorkMessages wm;
         ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
         CWorkMessagesTestAccess acc(wm);
-        size_t nSAT = 0;
-        EXPECT_TRUE(SegmentInfo(1053, &nSAT, nullptr) && nSAT == 8192u);
-        EXPECT_EQ(QueuesSize(), 512u * 64u);
-        EXPECT_EQ(acc.Controls()->nMsgCounter, kFirstID);
-        struct stat st;
+        struct stat st; // the segments' sizes are the construction test's
         ASSERT_EQ(stat(wqcfFile.c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 0777, 0664u);
         EXPECT_EQ(st.st_uid, getuid() == 0 ? acc.FileUID() : getuid());

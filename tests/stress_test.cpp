@@ -4,6 +4,7 @@
 // processes, once as threads of one process with an object each. Every
 // message must arrive exactly once, whole, at its target, in order for an
 // oldest-first receiver; afterwards the tables and both files must be empty.
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -25,13 +26,6 @@ const int32_t kChurnUID = 501;    // the churn worker registers 501..540 for eac
 const int kChurnEntries = 160;    // with the receivers' 16: past the registry's 128
 const int kBurst = 400;           // per sender before any receive: past the table's 512
 const char* const kTypes[] = {"ORDER", "INVOICE", "REPORT", "ALERT"};
-
-struct Planned {
-    int32_t nTarget;
-    int nType;
-    int32_t nLength;
-    bool bHigh;
-};
 
 // Workers as forked processes or as threads. Each returns "" or its first
 // fault; a process that dies is a fault too.
@@ -100,8 +94,8 @@ void StressTest::Run(bool bThreads, int nPerSender) {
     for (auto& messages : plan) {
         for (int k = 0; k < nPerSender; ++k) {
             const Planned p = {kReceiverUID + static_cast<int32_t>(rng() % kPairs),
-                               static_cast<int>(rng() % 4),
-                               static_cast<int32_t>(rng() % (kBlock + 1)), rng() % 8 == 0};
+                               kTypes[rng() % 4], static_cast<int32_t>(rng() % (kBlock + 1)),
+                               rng() % 8 == 0};
             messages.push_back(p);
             ++expected[p.nTarget - kReceiverUID];
         }
@@ -138,41 +132,22 @@ void StressTest::Run(bool bThreads, int nPerSender) {
             char c;
             while (read(go[0], &c, 1) > 0) {
             }
-            AppendLog log(root + "/recv." + std::to_string(j));
-            std::vector<char> block(kBlock);
-            std::string fault;
-            for (int got = 0, idle = 0; got < expected[j];) {
-                const long rc = ReceiveLogged(o, log, nUID, 2, block.data(), &fault);
-                if (rc == M_TIMEOUT && ++idle < 10) continue;
-                if (rc != M_OK)
-                    return fault.empty()
-                               ? Failure("receive", rc, o) + " after " + std::to_string(got)
-                               : fault;
-                ++got, idle = 0;
-            }
-            return "";
+            return ReceiveMany(o, root + "/recv." + std::to_string(j), nUID, expected[j], 2, -1);
         });
     }
     for (int i = 0; i < kPairs; ++i) {
         work.Start([&, i]() -> std::string {
-            const int32_t nUID = kSenderUID + i;
-            bool bSignalled = false;
-            auto signal = [&] {
-                if (!bSignalled) bSignalled = write(burst[1], "b", 1) == 1;
-            };
-            auto done = [&](std::string s) { return signal(), s; };
             CWorkMessages o;
-            if (o.nLastError != 0) return done(Failure("construction", o.nLastError, o));
-            AppendLog log(root + "/sent." + std::to_string(i));
-            std::vector<char> block(kBlock);
-            for (int k = 0; k < nPerSender; ++k) {
-                if (k == kBurst) signal();
-                const Planned& p = plan[i][k];
-                const long rc = SendLogged(o, log, nUID, k, p.nTarget, kTypes[p.nType], p.nLength,
-                                           p.bHigh, block.data());
-                if (rc != M_OK && rc != M_NOTACT) return done(Failure("Send", rc, o));
-            }
-            return done("");
+            const std::string log = root + "/sent." + std::to_string(i);
+            auto next = [&](int32_t k) { return plan[i][k]; };
+            const int nBurst = std::min(kBurst, nPerSender);
+            // The burst, then a signal (also after a fault), then the rest.
+            std::string fault = o.nLastError != 0
+                                    ? Failure("construction", o.nLastError, o)
+                                    : SendMany(o, log, kSenderUID + i, 0, nBurst, -1, next);
+            if (write(burst[1], "b", 1) != 1 && fault.empty()) fault = "no signal";
+            return fault.empty() ? SendMany(o, log, kSenderUID + i, nBurst, nPerSender, -1, next)
+                                 : fault;
         });
     }
     // Receivers start once every sender has run ahead by its burst.
@@ -199,39 +174,15 @@ void StressTest::Run(bool bThreads, int nPerSender) {
 // sender and type; an oldest-first receiver got each sender's messages of one
 // priority in the order they were sent.
 void StressTest::CheckLogs(const std::vector<int>& expected) {
-    int nFaults = 0;
-    auto check = [&](bool ok, const LogRecord& r, const char* what) {
-        if (!ok && ++nFaults <= 5)
-            ADD_FAILURE() << what << ": key " << r.nKey << " sender " << r.nSender << " seq "
-                          << r.nSeq << " at " << r.nWho;
-    };
-    std::map<int32_t, LogRecord> sent;
+    Delivery d;
     for (int i = 0; i < kPairs; ++i)
-        for (const LogRecord& r : ReadLog(root + "/sent." + std::to_string(i)))
-            check(sent.emplace(r.nKey, r).second, r, "two messages with one ID");
-    std::set<int32_t> received;
-    for (int j = 0; j < kPairs; ++j) {
-        const std::vector<LogRecord> log = ReadLog(root + "/recv." + std::to_string(j));
-        EXPECT_EQ(log.size(), static_cast<size_t>(expected[j])) << "receiver " << j;
-        std::map<std::pair<int32_t, int32_t>, int32_t> last; // (sender, high) -> seq
-        for (const LogRecord& r : log) {
-            const auto it = sent.find(r.nKey);
-            check(it != sent.end(), r, "received but never sent");
-            if (it == sent.end()) continue;
-            const LogRecord& s = it->second;
-            check(received.insert(r.nKey).second, r, "received twice");
-            check(r.nWho == s.nTarget && r.nSender == s.nSender && r.nType == s.nType &&
-                      r.nHigh == s.nHigh,
-                  r, "wrong target, sender, type or priority");
-            check(r.nCrc == s.nCrc && (r.nSeq == -1 || r.nSeq == s.nSeq), r, "data damaged");
-            if (j == kPairs - 1) continue; // newest first: no order to check
-            auto order = last.emplace(std::make_pair(s.nSender, s.nHigh), -1).first;
-            check(s.nSeq > order->second, s, "out of order");
-            order->second = s.nSeq;
-        }
-    }
-    EXPECT_EQ(received.size(), sent.size());
-    EXPECT_EQ(nFaults, 0);
+        d.Sent(root + "/sent." + std::to_string(i));
+    for (int j = 0; j < kPairs; ++j) // the last receiver takes newest first
+        EXPECT_EQ(d.Received(root + "/recv." + std::to_string(j), j != kPairs - 1),
+                  static_cast<size_t>(expected[j]))
+            << "receiver " << j;
+    d.NoneLost();
+    EXPECT_EQ(d.nFaults, 0);
 }
 
 // The control table, the data slot table and both files hold nothing, and

@@ -189,32 +189,8 @@ protected:
     std::string path;
 };
 
-TEST_F(SupportLock, AnotherProcessHoldsTheLock) {
-    int toChild[2], fromChild[2];
-    ASSERT_TRUE(pipe(toChild) == 0 && pipe(fromChild) == 0);
-    const pid_t pid = StartChild([&]() -> int {
-        FILE* fp = fopen(path.c_str(), "r+");
-        char ok = fp && Lock(fp, 1) == 0 ? 'y' : 'n';
-        if (write(fromChild[1], &ok, 1) != 1) return 3;
-        return read(toChild[0], &ok, 1) == 1 ? 0 : 4; // exit (and drop the lock) when told
-    });
-    char c = 0;
-    ASSERT_TRUE(read(fromChild[0], &c, 1) == 1 && c == 'y');
-
-    FILE* fp = fopen(path.c_str(), "r+");
-    ASSERT_NE(fp, nullptr);
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(Lock(fp, 1), pid);
-    EXPECT_LT(SecondsSince(t0), 0.5);
-    ASSERT_EQ(write(toChild[1], &c, 1), 1);
-    EXPECT_EQ(WaitChild(pid), 0);
-    for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]})
-        close(fd);
-    EXPECT_EQ(Lock(fp, 1), 0);
-    EXPECT_EQ(Lock(fp, 2), 0);
-    fclose(fp);
-}
-
+// Another process holding the lock, named by its PID, is the constructor
+// lock's case in the locks test.
 TEST_F(SupportLock, SecondOpenInThisProcessIsExcludedNamingThisProcess) {
     FILE* first = fopen(path.c_str(), "r+");
     FILE* second = fopen(path.c_str(), "r+");
