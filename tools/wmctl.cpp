@@ -196,6 +196,16 @@ int main(int argc, char** argv) {
     AddJson(sub, &status.bJson);
     sub->callback([&] { run = [&] { return CmdStatus(status); }; });
 
+    MetricsOpts metrics;
+    sub = app.add_subcommand("metrics", "Show the live state for a monitoring system");
+    sub->footer("Gauges in the Prometheus text format (for node_exporter's textfile "
+                "collector): messages by state, type and target, control and data slots, "
+                "receiver registrations, the Controls lock and the next message ID. Read "
+                "without taking the lock, like status.");
+    sub->add_option("-o,--out", metrics.strOut,
+                    "Replace this file atomically (e.g. DIR/wm.prom) instead of writing to stdout");
+    sub->callback([&] { run = [&] { return CmdMetrics(metrics); }; });
+
     IpcCleanOpts ipc;
     sub = app.add_subcommand("ipc-clean", "Remove leftover segments no process is attached to");
     sub->add_option("--db", ipc.strDbDir,
