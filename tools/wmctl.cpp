@@ -45,6 +45,7 @@ int main(int argc, char** argv) {
     CLI::App app{"Operator's tool for the work-message queues of this host.\n"
                  "Processes and message types are given by name or by number.",
                  "wmctl"};
+    app.set_version_flag("--version", "wmctl (QV_wm) " QV_WM_VERSION);
     app.require_subcommand(1);
     app.footer("Exit codes: 0 success, 1 an operation failed (its text on stderr), 2 usage.\n"
                "Every command has --help.");
