@@ -4,11 +4,19 @@
 # of every command listed there becomes its COMMANDS section, so the page
 # never falls behind the command line. The hand-written sections (files,
 # environment, exit codes) come from wmctl.h2m.
-# Usage: manpage.sh WMCTL H2M OUT.1.gz
+# Usage: manpage.sh WMCTL H2M OUT.1.gz [EMULATOR]
+# EMULATOR runs the tool where this machine cannot (an i386 build under
+# qemu-i386); help2man then runs it through a wrapper of the same name.
 set -eu
-wmctl=$1 h2m=$2 out=$3
+h2m=$2 out=$3 emu=${4:-}
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
+wmctl=$1
+if [ -n "$emu" ]; then
+  printf '#!/bin/sh\nexec %s %s "$@"\n' "$emu" "$1" >"$tmp/wmctl"
+  chmod +x "$tmp/wmctl"
+  wmctl=$tmp/wmctl
+fi
 
 cp "$h2m" "$tmp/include.h2m"
 {
