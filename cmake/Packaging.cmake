@@ -6,7 +6,9 @@
 #   libqv-wm-dev   headers, the .so links, QV_wm.pc and the CMake package
 #   wmctl          the operator's tool and its manual page
 # The runtime package names carry the SONAME's version, so a library with a
-# new major version installs beside the old one. Dependencies on the system's
+# new major version installs beside the old one; they are Multi-Arch: same
+# (their libraries lie in the architecture's directory), so the amd64 and
+# i386 libraries install side by side. Dependencies on the system's
 # libraries come from dpkg-shlibdeps; those between the four packages are
 # written here, on the exact version (dpkg-shlibdeps finds the project's own
 # libraries in the other packages' staging trees but cannot name their
@@ -37,13 +39,14 @@ set(QV_WM_DEB_LIBRARY_CONTROL ${CMAKE_CURRENT_SOURCE_DIR}/cmake/debian/triggers
 set(CPACK_DEBIAN_SUPPORT_PACKAGE_CONTROL_EXTRA ${QV_WM_DEB_LIBRARY_CONTROL})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${QV_WM_DEB_LIBRARY_CONTROL})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-if(QV_WM_M32)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4) # the i386 toolchain (scripts/package.sh --m32)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
 endif()
 
 set(QV_WM_DEB_VERSION "${PROJECT_VERSION}")
 set(CPACK_DEBIAN_SUPPORT_PACKAGE_NAME libgplibrary1)
 set(CPACK_DEBIAN_SUPPORT_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_SUPPORT_PACKAGE_MULTIARCH same)
 string(CONCAT CPACK_COMPONENT_SUPPORT_DESCRIPTION
   "support library of the WorkMsg queues\n"
   "The configuration store, logging, the advisory file lock and the tokenizer\n"
@@ -51,6 +54,7 @@ string(CONCAT CPACK_COMPONENT_SUPPORT_DESCRIPTION
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libqv-wm1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libgplibrary1 (= ${QV_WM_DEB_VERSION})")
 string(CONCAT CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "persistent work messages between the processes of one host\n"

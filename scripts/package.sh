@@ -16,8 +16,16 @@ out=$(mkdir -p "${1:-$default}" && cd "${1:-$default}" && pwd)
 
 # The tests call this with the tools already in place.
 [ -n "${QV_WM_NO_SETUP:-}" ] || "$src/scripts/setup.sh"
+# The libraries go to Debian's multiarch directory of the target
+# architecture, so that the amd64 and i386 libraries install side by side.
+if [ $m32 = ON ]; then
+  multiarch=$(dpkg-architecture -ai386 -qDEB_HOST_MULTIARCH 2>/dev/null)
+else
+  multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null)
+fi
 cmake -S "$src" -B "$out/build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-  -DBUILD_TESTING=OFF -DQV_WM_DEB=ON -DCMAKE_SKIP_INSTALL_RPATH=ON -DQV_WM_M32=$m32 >/dev/null
+  -DCMAKE_INSTALL_LIBDIR="lib/$multiarch" -DBUILD_TESTING=OFF -DQV_WM_DEB=ON \
+  -DCMAKE_SKIP_INSTALL_RPATH=ON -DQV_WM_M32=$m32 >/dev/null
 cmake --build "$out/build" -j"${QV_WM_JOBS:-$(nproc)}" >/dev/null
 rm -f "$out"/*.deb
 (cd "$out/build" && cpack -B "$out" >/dev/null)
