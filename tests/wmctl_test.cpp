@@ -120,7 +120,7 @@ double SecondsSince(std::chrono::steady_clock::time_point t0) {
 TEST_F(WmctlTest, UsageErrorsExitTwoAndEveryCommandHasHelp) {
     for (const char* cmd :
          {"demo", "send", "recv", "delete", "reject", "retry", "register", "unregister", "deleteby",
-          "count", "status", "ipc-clean", "dump", "fsck"})
+          "count", "status", "metrics", "ipc-clean", "dump", "fsck"})
         EXPECT_TRUE(Ran(Wmctl(std::string(cmd) + " --help"), 0, {"Usage:"})) << cmd;
     for (const std::string& args : std::vector<std::string>{
              "", "frobnicate", "send PROCA PROCB", "send PROCA PROCB ORDER data --file x",
@@ -249,7 +249,52 @@ TEST_F(WmctlTest, StatusNeedsNoLockAndNamesADeadOwner) {
     Steps({{"status --json", 0, "\"lock_owner_alive\": false|!\"lock_owner\": 0,"}});
     EXPECT_LT(SecondsSince(t0), 5.0);
     Steps({{"status", 0, "which no longer exists"},
+           {"metrics", 0, "qv_wm_controls_lock_held 1|qv_wm_controls_lock_holder_exists 0"},
            {"send PROCA PROCB ORDER", 1, "M_LOCK|failed to acquire the Controls Lock"}});
+}
+
+// The metrics of a known state, read back through the exposition format's
+// own parser (python3-prometheus-client), one "name,label=value value" line
+// per sample. Debian's interpreter, the one that package is installed for.
+TEST_F(WmctlTest, MetricsParseAndMatchTheState) {
+    Steps({{"metrics", 0, "qv_wm_up 0"}});
+    ASSERT_TRUE(Hold());
+    WriteFile(root + "/in.bin", "\xff\x01\"\n");
+    Steps({{"register PROCC ORDER", 0, ""}, // its process is gone when it returns
+           {"send PROCA PROCB ORDER x", 0, ""},
+           {"send PROCA PROCB ORDER x", 0, ""},
+           {"send PROCA PROCB ORDER x", 0, ""},
+           {"send PROCB PROCC INVOICE -f " + root + "/in.bin", 0, ""},
+           {"recv PROCC INVOICE --json", 0, "\"data\": \"\\u00ff\\u0001\\\"\\n\""},
+           {"metrics -o " + root + "/wm.prom", 0, ""}});
+
+    const std::string script =
+        "import sys\n"
+        "from prometheus_client.parser import text_string_to_metric_families as parse\n"
+        "for f in parse(open(sys.argv[1]).read()):\n"
+        "    for s in f.samples:\n"
+        "        print(s.name + ''.join(',%s=%s' % l for l in sorted(s.labels.items())), "
+        "int(s.value))\n";
+    WriteFile(root + "/parse.py", script);
+    FILE* p = popen(("/usr/bin/python3 " + root + "/parse.py " + root + "/wm.prom").c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string parsed = "\n";
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;)
+        parsed.append(buf, n);
+    ASSERT_EQ(pclose(p), 0) << parsed;
+    for (const char* sample :
+         {"qv_wm_up 1", "qv_wm_messages,state=pending 3", "qv_wm_messages,state=received 1",
+          "qv_wm_messages,state=retry 0", "qv_wm_messages_by_type,type=ORDER,type_id=1 3",
+          "qv_wm_messages_by_type,type=INVOICE,type_id=2 1",
+          "qv_wm_messages_by_type,type=ALERT,type_id=4 0",
+          "qv_wm_messages_by_target,target=PROCA,target_uid=101 0",
+          "qv_wm_messages_by_target,target=PROCB,target_uid=102 3",
+          "qv_wm_messages_by_target,target=PROCC,target_uid=103 1", "qv_wm_control_slots 512",
+          "qv_wm_control_slots_used 4", "qv_wm_data_slots_used 4", "qv_wm_registry_slots 128",
+          "qv_wm_registry_entries 1", "qv_wm_registry_entries_gone 1", "qv_wm_controls_lock_held 0",
+          "qv_wm_next_message_id 1073741828"})
+        EXPECT_TRUE(Contains(parsed, std::string("\n") + sample + "\n")) << sample << parsed;
 }
 
 TEST_F(WmctlTest, IpcCleanRemovesOnlyUnattachedSegments) {

@@ -26,6 +26,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <cmath>
 #include <map>
 #include <sstream>
 
@@ -310,12 +311,10 @@ int CmdDemo(const DemoOpts& o) {
     if (rc == kExitOk && !bGone) rc = kExitFailed;
 
     if (o.bJson) {
-        Json outcomes = Json::Object();
+        Json outcomes = Json::object(); // type -> outcome -> count, in the report's order
         std::istringstream in(r.strReport);
         std::string strType, strOutcome;
         long nOrderErrors = -1, nDataErrors = -1;
-        std::map<std::string, Json> byType;
-        std::vector<std::string> order;
         while (in >> strType) {
             if (strType == "order-errors") {
                 in >> nOrderErrors;
@@ -324,34 +323,21 @@ int CmdDemo(const DemoOpts& o) {
             } else {
                 long nCount = 0;
                 in >> strOutcome >> nCount;
-                if (byType.find(strType) == byType.end()) {
-                    byType[strType] = Json::Object();
-                    order.push_back(strType);
-                }
-                byType[strType].Add(strOutcome, nCount);
+                outcomes[strType][strOutcome] = nCount;
             }
         }
-        for (const std::string& t : order)
-            outcomes.Add(t, byType[t]);
-        Json files = Json::Array();
-        for (const std::string& f : r.rejectFiles)
-            files.Push(f);
-        Json out = Json::Object();
-        out.Add("root", root);
-        if (!strNote.empty()) out.Add("note", strNote);
-        out.Add("library", r.strLibrary)
-            .Add("messages", kMessages)
-            .Add("outcomes", std::move(outcomes))
-            .Add("order_errors", nOrderErrors)
-            .Add("data_errors", nDataErrors)
-            .Add("reject_files", std::move(files))
-            .Add("left", Json::Object()
-                             .Add("pending", r.nPending)
-                             .Add("received", r.nReceived)
-                             .Add("retry", r.nRetry))
-            .Add("seconds", r.dSeconds)
-            .Add("segments_removed", bGone)
-            .Add("ok", rc == kExitOk);
+        Json out = {{"root", root}};
+        if (!strNote.empty()) out["note"] = strNote;
+        out["library"] = r.strLibrary;
+        out["messages"] = kMessages;
+        out["outcomes"] = std::move(outcomes);
+        out["order_errors"] = nOrderErrors;
+        out["data_errors"] = nDataErrors;
+        out["reject_files"] = r.rejectFiles;
+        out["left"] = {{"pending", r.nPending}, {"received", r.nReceived}, {"retry", r.nRetry}};
+        out["seconds"] = std::round(r.dSeconds * 1e6) / 1e6; // to the microsecond
+        out["segments_removed"] = bGone;
+        out["ok"] = rc == kExitOk;
         PrintJson(out);
         return rc;
     }

@@ -13,8 +13,10 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -195,6 +197,19 @@ bool ReadLiveState(LiveState* p, unsigned nParts) {
         CopyTable(p->nNamesHandle, p->nQNameCount, "Names Table", &p->names, &p->problems);
         CopyTable(p->nUIDsHandle, p->nUIDsCount, "Unique IDs", &p->processes, &p->problems);
     }
+    if (nParts & kLiveDataSlots) {
+        // One bit per data slot; counted in place, bounded by the segment.
+        ReadOnlySegment sat(p->nDDSATHandle);
+        if (!sat.Ok()) {
+            p->problems.push_back("cannot attach the SAT segment (id " +
+                                  std::to_string(p->nDDSATHandle) + "): " + strerror(sat.Errno()));
+        } else {
+            const size_t nBytes = std::min(sat.Size(), static_cast<size_t>(kDataSlots / 8));
+            p->nDataSlotsUsed = 0;
+            for (size_t i = 0; i < nBytes; ++i)
+                p->nDataSlotsUsed += __builtin_popcount(sat.Data()[i]);
+        }
+    }
     return true;
 }
 
@@ -212,6 +227,50 @@ bool FindReceivedSlot(long nUID, const WorkMsg& msg, _WQCF_* pSlot) {
         }
     }
     return false;
+}
+
+const char* const kStateKeys[5] = {"free", "pending", "received", "retry", "delayed_retry"};
+
+StateCounts CountStates(const LiveState& st) {
+    StateCounts c;
+    for (const _WQCF_& s : st.slots) {
+        if (s.nflag < 5)
+            ++c.arrStates[s.nflag];
+        else
+            ++c.nInvalid;
+    }
+    return c;
+}
+
+namespace {
+std::string NameOf(const char* szName, size_t nMax) {
+    size_t n = 0;
+    while (n < nMax && szName[n] != '\0')
+        ++n;
+    return std::string(szName, n);
+}
+} // namespace
+
+std::string TypeNameOf(const LiveState& st, int32_t nMsgNo) {
+    for (const _WQCONF_& r : st.names)
+        if (r.nID == nMsgNo) return NameOf(r.szName, sizeof(r.szName));
+    return "#" + std::to_string(nMsgNo);
+}
+
+std::string ProcessNameOf(const LiveState& st, int32_t nUID) {
+    for (const _PRUID_& r : st.processes)
+        if (r.nUID == nUID) return NameOf(r.szName, sizeof(r.szName));
+    return "#" + std::to_string(nUID);
+}
+
+bool ThreadExists(int32_t nTid) {
+    if (nTid <= 0) return false;
+    return access(("/proc/" + std::to_string(nTid)).c_str(), F_OK) == 0;
+}
+
+bool ProcessExists(int32_t nPid) {
+    if (nPid <= 0) return false;
+    return kill(static_cast<pid_t>(nPid), 0) == 0 || errno == EPERM;
 }
 
 // ---------------------------------------------------------------------------
@@ -319,7 +378,7 @@ int CmdIpcClean(const IpcCleanOpts& o) {
                            " process(es) attached to the Controls segment (key 1050): the "
                            "shared state is in use; nothing removed");
 
-    Json removed = Json::Array(), kept = Json::Array();
+    Json removed = Json::array(), kept = Json::array();
     std::vector<std::string> lines;
     bool bClean = true;
     for (const SegmentState& s : segs) {
@@ -330,10 +389,8 @@ int CmdIpcClean(const IpcCleanOpts& o) {
                 bClean = false;
                 lines.push_back("cannot look up " + std::string(s.szName) + " (key " +
                                 std::to_string(s.nKey) + "): " + strerror(s.nErrno));
-                kept.Push(Json::Object()
-                              .Add("key", s.nKey)
-                              .Add("name", s.szName)
-                              .Add("reason", strerror(s.nErrno)));
+                kept.push_back(
+                    {{"key", s.nKey}, {"name", s.szName}, {"reason", strerror(s.nErrno)}});
             }
             continue;
         }
@@ -344,25 +401,18 @@ int CmdIpcClean(const IpcCleanOpts& o) {
             strReason = std::string("cannot remove: ") + strerror(errno);
         if (strReason.empty()) {
             lines.push_back("removed " + strWhat);
-            removed.Push(Json::Object()
-                             .Add("key", s.nKey)
-                             .Add("name", s.szName)
-                             .Add("id", s.nId)
-                             .Add("size", s.nSize));
+            removed.push_back(
+                {{"key", s.nKey}, {"name", s.szName}, {"id", s.nId}, {"size", s.nSize}});
         } else {
             bClean = false;
             lines.push_back("kept " + strWhat + ": " + strReason);
-            kept.Push(Json::Object()
-                          .Add("key", s.nKey)
-                          .Add("name", s.szName)
-                          .Add("id", s.nId)
-                          .Add("reason", strReason));
+            kept.push_back(
+                {{"key", s.nKey}, {"name", s.szName}, {"id", s.nId}, {"reason", strReason}});
         }
     }
     if (o.bJson) {
-        Json out = Json::Object();
-        out.Add("removed", std::move(removed)).Add("kept", std::move(kept));
-        if (!strNote.empty()) out.Add("note", strNote);
+        Json out = {{"removed", std::move(removed)}, {"kept", std::move(kept)}};
+        if (!strNote.empty()) out["note"] = strNote;
         PrintJson(out);
     } else {
         if (!strNote.empty()) printf("note: %s\n", strNote.c_str());

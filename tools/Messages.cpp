@@ -162,19 +162,18 @@ bool ReceivedLength(long nUID, const WorkMsg& msg, long* pLength) {
 }
 
 Json MessageJson(Library& wm, const WorkMsg& msg, long nUID) {
-    return Json::Object()
-        .Add("message_id", msg.nMessageID)
-        .Add("message_id_hex", HexId(msg.nMessageID))
-        .Add("type", msg.nMsgNo)
-        .Add("type_name", TypeName(wm, msg.nMsgNo))
-        .Add("sender", msg.nSenderUID)
-        .Add("sender_name", ProcessName(wm, msg.nSenderUID))
-        .Add("target", nUID)
-        .Add("target_name", ProcessName(wm, nUID))
-        .Add("time_sent", static_cast<long long>(msg.nTimeSent))
-        .Add("time_posted", static_cast<long long>(msg.nTimePosted))
-        .Add("time_retry", static_cast<long long>(msg.nTimeRetry))
-        .Add("user_flags", msg.nUserFlags);
+    return {{"message_id", msg.nMessageID},
+            {"message_id_hex", HexId(msg.nMessageID)},
+            {"type", msg.nMsgNo},
+            {"type_name", TypeName(wm, msg.nMsgNo)},
+            {"sender", msg.nSenderUID},
+            {"sender_name", ProcessName(wm, msg.nSenderUID)},
+            {"target", nUID},
+            {"target_name", ProcessName(wm, nUID)},
+            {"time_sent", static_cast<long long>(msg.nTimeSent)},
+            {"time_posted", static_cast<long long>(msg.nTimePosted)},
+            {"time_retry", static_cast<long long>(msg.nTimeRetry)},
+            {"user_flags", msg.nUserFlags}};
 }
 
 } // namespace
@@ -234,17 +233,16 @@ int CmdSend(const SendOpts& o) {
                 strText.c_str());
     }
     if (o.bJson) {
-        PrintJson(Json::Object()
-                      .Add("message_id", nSlotId)
-                      .Add("message_id_hex", HexId(nSlotId))
-                      .Add("sent_id", msg.nMessageID)
-                      .Add("type", nType)
-                      .Add("type_name", strType)
-                      .Add("sender", nFrom)
-                      .Add("target", nTo)
-                      .Add("length", strData.size())
-                      .Add("high_priority", o.bHigh)
-                      .Add("target_active", rc == M_OK));
+        PrintJson({{"message_id", nSlotId},
+                   {"message_id_hex", HexId(nSlotId)},
+                   {"sent_id", msg.nMessageID},
+                   {"type", nType},
+                   {"type_name", strType},
+                   {"sender", nFrom},
+                   {"target", nTo},
+                   {"length", strData.size()},
+                   {"high_priority", o.bHigh},
+                   {"target_active", rc == M_OK}});
     } else {
         printf("sent message %s: %s from %s to %s, %zu bytes%s\n", HexId(nSlotId).c_str(),
                strType.c_str(), Who(wm, nFrom).c_str(), Who(wm, nTo).c_str(), strData.size(),
@@ -408,12 +406,12 @@ int CmdRecv(const RecvOpts& o) {
     if (o.bRetry) strSummary += ", user flags " + std::to_string(msg.nUserFlags);
     if (o.bJson) {
         Json j = MessageJson(wm, msg, nUID);
-        j.Add("length", nLength);
+        j["length"] = nLength;
         if (o.strOut.empty())
-            j.Add("data",
-                  std::string(reinterpret_cast<const char*>(buf), static_cast<size_t>(nLength)));
+            j["data"] =
+                std::string(reinterpret_cast<const char*>(buf), static_cast<size_t>(nLength));
         else
-            j.Add("data_file", o.strOut);
+            j["data_file"] = o.strOut;
         PrintJson(j);
     } else if (o.strOut.empty()) {
         fprintf(stderr, "%s\n", strSummary.c_str());
@@ -466,12 +464,13 @@ int MessageCommand(const MessageOpts& o, MessageAction nAction) {
     }
     if (rc != M_OK) return LibraryFailure(szCmd, szOp, rc, wm);
     if (o.bJson) {
-        Json j = Json::Object();
-        j.Add("message_id", o.nMessageId)
-            .Add("message_id_hex", HexId(o.nMessageId))
-            .Add("action", szCmd);
-        if (nAction == kRetry)
-            j.Add("state", o.bDelay ? "delayed_retry" : "retry").Add("user_flags", o.nFlags);
+        Json j = {{"message_id", o.nMessageId},
+                  {"message_id_hex", HexId(o.nMessageId)},
+                  {"action", szCmd}};
+        if (nAction == kRetry) {
+            j["state"] = o.bDelay ? "delayed_retry" : "retry";
+            j["user_flags"] = o.nFlags;
+        }
         PrintJson(j);
     } else {
         printf("message %s %s\n", HexId(o.nMessageId).c_str(), szDone);
@@ -517,14 +516,13 @@ int CmdRegister(const RegisterOpts& o) {
                : "the entry stays until 'wmctl unregister " + o.strProcess + " " + o.strType +
                      "' or until the shared state is removed";
     if (o.bJson) {
-        PrintJson(Json::Object()
-                      .Add("uid", nUID)
-                      .Add("process", ProcessName(wm, nUID))
-                      .Add("type", nType)
-                      .Add("type_name", strType)
-                      .Add("pid", static_cast<long>(getpid()))
-                      .Add("lifo", o.bLifo)
-                      .Add("lasting", !bAlone));
+        PrintJson({{"uid", nUID},
+                   {"process", ProcessName(wm, nUID)},
+                   {"type", nType},
+                   {"type_name", strType},
+                   {"pid", static_cast<long>(getpid())},
+                   {"lifo", o.bLifo},
+                   {"lasting", !bAlone}});
     } else {
         printf("registered %s for %s (%ld) as process %ld, %s\n", Who(wm, nUID).c_str(),
                strType.c_str(), nType, static_cast<long>(getpid()),
@@ -572,15 +570,11 @@ int CmdUnregister(const RegisterOpts& o) {
         if (rc != M_OK) return LibraryFailure(kCmd, "UnsetInput", rc, wm);
     }
     if (o.bJson) {
-        Json jp = Json::Array();
-        for (long nPid : pids)
-            jp.Push(nPid);
-        PrintJson(Json::Object()
-                      .Add("uid", nUID)
-                      .Add("process", ProcessName(wm, nUID))
-                      .Add("type", bAll ? Json() : Json(nType))
-                      .Add("removed", nEntries)
-                      .Add("pids", std::move(jp)));
+        PrintJson({{"uid", nUID},
+                   {"process", ProcessName(wm, nUID)},
+                   {"type", bAll ? Json() : Json(nType)},
+                   {"removed", nEntries},
+                   {"pids", pids}});
     } else {
         printf("removed %ld registration(s) of %s\n", nEntries, strWhat.c_str());
     }
@@ -615,7 +609,7 @@ int CmdDeleteBy(const DeleteByOpts& o) {
         return LibraryFailure(kCmd, "DeleteBy", rc, wm);
     }
     if (o.bJson)
-        PrintJson(Json::Object().Add("deleted", nCount));
+        PrintJson({{"deleted", nCount}});
     else
         printf("deleted %ld message(s)\n", nCount);
     return kExitOk;
@@ -642,10 +636,10 @@ int CmdCount(const CountOpts& o) {
         if (rc != M_OK) return LibraryFailure(kCmd, "GetCounters", rc, wm);
         const char* const kKeys[] = {"free", "pending", "received", "retry", "delayed_retry"};
         if (o.bJson) {
-            Json counts = Json::Object();
+            Json counts = Json::object();
             for (int i = 0; i < 5; ++i)
-                counts.Add(kKeys[i], row.Counter[i]);
-            PrintJson(Json::Object().Add("by", "state").Add("counts", std::move(counts)));
+                counts[kKeys[i]] = row.Counter[i];
+            PrintJson({{"by", "state"}, {"counts", std::move(counts)}});
         } else {
             for (int i = 0; i < 5; ++i)
                 printf("%-14s %ld\n", kKeys[i], row.Counter[i]);
@@ -710,19 +704,17 @@ int CmdCount(const CountOpts& o) {
 
     const char* const kStates[] = {"pending", "received", "retry", "delayed_retry"};
     if (o.bJson) {
-        Json arr = Json::Array();
+        Json arr = Json::array();
         for (size_t i = 0; i < rows.size(); ++i) {
-            Json j = Json::Object();
-            j.Add("name", rows[i].second).Add("number", rows[i].first).Add("count", counts[i][0]);
+            Json j = {{"name", rows[i].second}, {"number", rows[i].first}, {"count", counts[i][0]}};
             if (counts[i].size() == 5) {
-                Json s = Json::Object();
+                Json& s = j["states"];
                 for (int k = 0; k < 4; ++k)
-                    s.Add(kStates[k], counts[i][static_cast<size_t>(k) + 1]);
-                j.Add("states", std::move(s));
+                    s[kStates[k]] = counts[i][static_cast<size_t>(k) + 1];
             }
-            arr.Push(std::move(j));
+            arr.push_back(std::move(j));
         }
-        PrintJson(Json::Object().Add("by", o.strBy).Add("counts", std::move(arr)));
+        PrintJson({{"by", o.strBy}, {"counts", std::move(arr)}});
     } else {
         for (size_t i = 0; i < rows.size(); ++i) {
             printf("%-8s %6ld", rows[i].second.c_str(), counts[i][0]);

@@ -38,7 +38,6 @@ namespace {
 
 const size_t kRec = 64;               // control file record
 const size_t kBlock = WM_MAX_DEPDATA; // data slot, and the data slot table
-const long kDataSlots = 65536;        // bits in the data slot table
 const uint32_t kFirstMessageId = 0x40000000u;
 const uint32_t kLastMessageId = 0x7FFFFFFEu;
 const int32_t kMinSlots = 512;
@@ -282,25 +281,24 @@ std::string SlotText(long long nSlot, const _WQCF_& s) {
 }
 
 Json SlotJson(long long nSlot, const _WQCF_& s) {
-    return Json::Object()
-        .Add("slot", nSlot)
-        .Add("state", StateName(s.nflag))
-        .Add("state_value", s.nflag)
-        .Add("message_id", s.nMessageID)
-        .Add("message_id_hex", HexId(s.nMessageID))
-        .Add("high_priority", s.xMsgMask != 0)
-        .Add("given_id_hex", HexId(static_cast<long>(FullId(s))))
-        .Add("type", s.nMsgNo)
-        .Add("sender", s.nSenderUID)
-        .Add("target", s.nTargetUID)
-        .Add("time_sent", s.nTimeSent)
-        .Add("time_posted", s.nTimePosted)
-        .Add("time_retry", s.nTimeRetry)
-        .Add("user_flags", s.nUserFlags)
-        .Add("response", s.nResponse)
-        .Add("response_required", s.nResponseRequired)
-        .Add("data_length", s.nDepDataLength)
-        .Add("data_slot", s.nDepDataSlot);
+    return {{"slot", nSlot},
+            {"state", StateName(s.nflag)},
+            {"state_value", s.nflag},
+            {"message_id", s.nMessageID},
+            {"message_id_hex", HexId(s.nMessageID)},
+            {"high_priority", s.xMsgMask != 0},
+            {"given_id_hex", HexId(static_cast<long>(FullId(s)))},
+            {"type", s.nMsgNo},
+            {"sender", s.nSenderUID},
+            {"target", s.nTargetUID},
+            {"time_sent", s.nTimeSent},
+            {"time_posted", s.nTimePosted},
+            {"time_retry", s.nTimeRetry},
+            {"user_flags", s.nUserFlags},
+            {"response", s.nResponse},
+            {"response_required", s.nResponseRequired},
+            {"data_length", s.nDepDataLength},
+            {"data_slot", s.nDepDataSlot}};
 }
 
 bool IsDirectory(const std::string& strDir) {
@@ -406,15 +404,15 @@ int CmdDump(const DumpOpts& given) {
         }
         if (o.bJson) {
             Json j = SlotJson(nSlot, rec);
-            j.Add("stored", bStored);
+            j["stored"] = bStored;
             std::string hex;
             char b[3];
             for (unsigned char c : data) {
                 snprintf(b, sizeof(b), "%02x", c);
                 hex += b;
             }
-            j.Add("data_hex", hex);
-            if (!strDataNote.empty()) j.Add("data_problem", strDataNote);
+            j["data_hex"] = hex;
+            if (!strDataNote.empty()) j["data_problem"] = strDataNote;
             PrintJson(j);
         } else {
             printf("%s%s\n", SlotText(nSlot, rec).c_str(),
@@ -430,38 +428,29 @@ int CmdDump(const DumpOpts& given) {
     for (const auto& r : ranges)
         nUsedData += r.second - r.first + 1;
     if (o.bJson) {
-        Json jcf = Json::Object();
-        jcf.Add("path", cf.strPath).Add("present", cf.bExists);
+        Json jcf = {{"path", cf.strPath}, {"present", cf.bExists}};
         if (cf.bExists) {
-            jcf.Add("size", cf.nSize)
-                .Add("header", Json::Object()
-                                   .Add("complete", cf.nHeaderBytes == kRec)
-                                   .Add("entries_allocated", cf.header.nEntriesAllocated)
-                                   .Add("current_msg_id", cf.header.nCurrentMsgID)
-                                   .Add("current_msg_id_hex", HexId(cf.header.nCurrentMsgID)))
-                .Add("records", cf.nRecords)
-                .Add("in_use", cf.used.size());
-            Json slots = Json::Array();
+            jcf["size"] = cf.nSize;
+            jcf["header"] = {{"complete", cf.nHeaderBytes == kRec},
+                             {"entries_allocated", cf.header.nEntriesAllocated},
+                             {"current_msg_id", cf.header.nCurrentMsgID},
+                             {"current_msg_id_hex", HexId(cf.header.nCurrentMsgID)}};
+            jcf["records"] = cf.nRecords;
+            jcf["in_use"] = cf.used.size();
+            Json& slots = jcf["slots"] = Json::array();
             for (const auto& u : cf.used)
-                slots.Push(SlotJson(u.first, u.second));
-            jcf.Add("slots", std::move(slots));
+                slots.push_back(SlotJson(u.first, u.second));
         }
-        Json jdf = Json::Object();
-        jdf.Add("path", df.strPath).Add("present", df.bExists);
+        Json jdf = {{"path", df.strPath}, {"present", df.bExists}};
         if (df.bExists) {
-            Json jr = Json::Array();
-            for (const auto& r : ranges)
-                jr.Push(Json::Array().Push(r.first).Push(r.second));
-            jdf.Add("size", df.nSize).Add("used_slots", nUsedData).Add("ranges", std::move(jr));
+            jdf["size"] = df.nSize;
+            jdf["used_slots"] = nUsedData;
+            jdf["ranges"] = ranges; // [first, last] pairs
         }
-        Json jp = Json::Array();
-        for (const std::string& s : problems)
-            jp.Push(s);
-        PrintJson(Json::Object()
-                      .Add("dbdir", o.strDbDir)
-                      .Add("control_file", std::move(jcf))
-                      .Add("data_file", std::move(jdf))
-                      .Add("problems", std::move(jp)));
+        PrintJson({{"dbdir", o.strDbDir},
+                   {"control_file", std::move(jcf)},
+                   {"data_file", std::move(jdf)},
+                   {"problems", problems}});
         return kExitOk;
     }
     if (cf.bExists) {
@@ -808,26 +797,21 @@ int CmdFsck(const FsckOpts& given) {
         nUsedData += df.Used(n) ? 1 : 0;
 
     if (o.bJson) {
-        Json jp = Json::Array();
+        Json jp = Json::array();
         for (const Problem& p : problems)
-            jp.Push(Json::Object()
-                        .Add("kind", p.strKind)
-                        .Add("text", p.strText)
-                        .Add("repairable", p.nAction != kNoRepair)
-                        .Add("repaired", p.bRepaired));
-        Json jn = Json::Array();
-        for (const std::string& s : notes)
-            jn.Push(s);
-        Json out = Json::Object();
-        out.Add("dbdir", o.strDbDir)
-            .Add("control_slots_in_use", cf.used.size())
-            .Add("data_slots_in_use", nUsedData)
-            .Add("problems", std::move(jp))
-            .Add("found", problems.size())
-            .Add("repaired", nRepaired)
-            .Add("clean", bClean)
-            .Add("notes", std::move(jn));
-        if (!bWritten) out.Add("error", strError);
+            jp.push_back({{"kind", p.strKind},
+                          {"text", p.strText},
+                          {"repairable", p.nAction != kNoRepair},
+                          {"repaired", p.bRepaired}});
+        Json out = {{"dbdir", o.strDbDir},
+                    {"control_slots_in_use", cf.used.size()},
+                    {"data_slots_in_use", nUsedData},
+                    {"problems", std::move(jp)},
+                    {"found", problems.size()},
+                    {"repaired", nRepaired},
+                    {"clean", bClean},
+                    {"notes", notes}};
+        if (!bWritten) out["error"] = strError;
         PrintJson(out);
     } else {
         printf("fsck %s: %zu control slots in use, %ld data slots in use\n", o.strDbDir.c_str(),

@@ -1,5 +1,5 @@
-// wmctl's output and reporting helpers: the JSON writer behind every
-// command's --json, times and message IDs as operators read them, hex dumps,
+// wmctl's output and reporting helpers: the one way every command prints
+// its --json report, times and message IDs as operators read them, hex dumps,
 // progress on stderr for long checks, and the one way every command reports
 // a failed operation (the code's name and the library's text on stderr), so
 // that scripts see the same exit codes and texts from every command.
@@ -19,99 +19,40 @@ namespace wmctl {
 // JSON
 // ---------------------------------------------------------------------------
 
-Json& Json::Add(const std::string& key, Json value) {
-    keys.push_back(key);
-    items.push_back(std::move(value));
-    return *this;
-}
-
-Json& Json::Push(Json value) {
-    items.push_back(std::move(value));
-    return *this;
-}
-
-std::string JsonQuote(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (c < 0x20 || c >= 0x7f) {
-                char buf[8];
-                snprintf(buf, sizeof(buf), "\\u%04x", c);
-                out += buf;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    return out + "\"";
-}
-
-void Json::DumpTo(std::string& out, int indent) const {
-    const std::string pad(static_cast<size_t>(indent + 2), ' ');
-    switch (kind) {
-    case kNull:
-        out += "null";
-        break;
-    case kBool:
-        out += nValue ? "true" : "false";
-        break;
-    case kInt:
-        out += std::to_string(nValue);
-        break;
-    case kDouble: {
-        char buf[64];
-        snprintf(buf, sizeof(buf), "%.6g", dValue);
-        out += buf;
-        break;
-    }
-    case kString:
-        out += JsonQuote(strValue);
-        break;
-    case kArray:
-    case kObject: {
-        const bool bObject = kind == kObject;
-        if (items.empty()) {
-            out += bObject ? "{}" : "[]";
-            break;
-        }
-        out += bObject ? "{\n" : "[\n";
-        for (size_t i = 0; i < items.size(); ++i) {
-            out += pad;
-            if (bObject) out += JsonQuote(keys[i]) + ": ";
-            items[i].DumpTo(out, indent + 2);
-            out += i + 1 < items.size() ? ",\n" : "\n";
-        }
-        out += std::string(static_cast<size_t>(indent), ' ') + (bObject ? "}" : "]");
-        break;
-    }
-    }
-}
-
-std::string Json::Dump() const {
+namespace {
+// The bytes of s as the code points U+0000 to U+00FF, in UTF-8: the library
+// then escapes every byte outside printable ASCII as \u00XX, and a string
+// that is not valid UTF-8 cannot make the dump fail.
+std::string BytesAsLatin1(const std::string& s) {
     std::string out;
-    DumpTo(out, 0);
+    out.reserve(s.size());
+    for (unsigned char c : s) {
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
     return out;
 }
 
+Json BytesToText(const Json& value) {
+    if (value.is_string()) return BytesAsLatin1(value.get_ref<const std::string&>());
+    if (!value.is_structured()) return value;
+    Json out = value.is_object() ? Json::object() : Json::array();
+    for (auto it = value.begin(); it != value.end(); ++it) {
+        if (value.is_object())
+            out[BytesAsLatin1(it.key())] = BytesToText(*it);
+        else
+            out.push_back(BytesToText(*it));
+    }
+    return out;
+}
+} // namespace
+
 void PrintJson(const Json& value) {
-    std::string s = value.Dump();
-    s += '\n';
+    const std::string s = BytesToText(value).dump(2, ' ', true) + "\n";
     fwrite(s.data(), 1, s.size(), stdout);
     fflush(stdout);
 }

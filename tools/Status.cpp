@@ -8,11 +8,6 @@
 // through read-only attachments and never takes the lock (Ipc.cpp), so it
 // answers even when a dead owner keeps the lock held, which is exactly when
 // an operator needs it.
-#include <signal.h>
-#include <unistd.h>
-
-#include <cerrno>
-
 #include "BridgeStats.h"
 #include "Wmctl.h"
 
@@ -20,42 +15,11 @@ namespace wmctl {
 
 namespace {
 
-bool ThreadExists(int32_t nTid) {
-    if (nTid <= 0) return false;
-    return access(("/proc/" + std::to_string(nTid)).c_str(), F_OK) == 0;
-}
-
-bool ProcessExists(int32_t nPid) {
-    if (nPid <= 0) return false;
-    return kill(static_cast<pid_t>(nPid), 0) == 0 || errno == EPERM;
-}
-
-std::string NameOf(const char* szName, size_t nMax) {
-    size_t n = 0;
-    while (n < nMax && szName[n] != '\0')
-        ++n;
-    return std::string(szName, n);
-}
-
-std::string TypeNameOf(const LiveState& st, int32_t nMsgNo) {
-    for (const _WQCONF_& r : st.names)
-        if (r.nID == nMsgNo) return NameOf(r.szName, sizeof(r.szName));
-    return "#" + std::to_string(nMsgNo);
-}
-
-std::string ProcessNameOf(const LiveState& st, int32_t nUID) {
-    for (const _PRUID_& r : st.processes)
-        if (r.nUID == nUID) return NameOf(r.szName, sizeof(r.szName));
-    return "#" + std::to_string(nUID);
-}
-
 // The host's bridge, from its stats file; false when none ever ran here.
 bool ReadBridge(wmbridge::BridgeStatus* pBridge) {
     std::string strDir, strWhyNot;
     return ConfiguredDbDir(&strDir, &strWhyNot) && wmbridge::ReadStats(strDir, pBridge);
 }
-
-const char* const kStateKeys[] = {"free", "pending", "received", "retry", "delayed_retry"};
 
 } // namespace
 
@@ -63,14 +27,9 @@ int CmdStatus(const StatusOpts& o) {
     LiveState st;
     const bool bRead = ReadLiveState(&st, kLiveAll);
 
-    long arrStates[5] = {0, 0, 0, 0, 0};
-    long nInvalid = 0;
-    for (const _WQCF_& s : st.slots) {
-        if (s.nflag < 5)
-            ++arrStates[s.nflag];
-        else
-            ++nInvalid;
-    }
+    const StateCounts counts = CountStates(st);
+    const long* arrStates = counts.arrStates;
+    const long nInvalid = counts.nInvalid;
     const bool bOwnerAlive = ThreadExists(st.nLockOwner);
     const bool bRobust = (st.nLockFlags & cstLockRobust) != 0;
     const bool bPending = (st.nLockFlags & cstRecoveryPending) != 0;
@@ -79,70 +38,60 @@ int CmdStatus(const StatusOpts& o) {
         if (e.nUID != 0) entries.push_back(&e);
 
     if (o.bJson) {
-        Json out = Json::Object();
-        Json segs = Json::Array();
+        Json segs = Json::array();
         for (const SegmentState& s : st.segments) {
-            Json j = Json::Object();
-            j.Add("key", s.nKey).Add("name", s.szName).Add("present", s.bPresent);
-            if (s.bPresent) j.Add("id", s.nId).Add("size", s.nSize).Add("attached", s.nAttached);
-            segs.Push(std::move(j));
+            Json j = {{"key", s.nKey}, {"name", s.szName}, {"present", s.bPresent}};
+            if (s.bPresent) {
+                j["id"] = s.nId;
+                j["size"] = s.nSize;
+                j["attached"] = s.nAttached;
+            }
+            segs.push_back(std::move(j));
         }
-        out.Add("segments", std::move(segs));
+        Json out = {{"segments", std::move(segs)}, {"controls", nullptr}};
         if (st.bControls) {
-            out.Add("controls", Json::Object()
-                                    .Add("size", st.nControlsSize)
-                                    .Add("lock_owner", st.nLockOwner)
-                                    .Add("lock_owner_alive", bOwnerAlive)
-                                    .Add("lock_robust", bRobust)
-                                    .Add("recoveries", st.nRecoveries)
-                                    .Add("recovery_pending", bPending)
-                                    .Add("last_recovery", st.nLastRecovery)
-                                    .Add("last_dead_owner", st.nDeadOwner)
-                                    .Add("slots", st.nQSlotCount)
-                                    .Add("message_counter", st.nMsgCounter)
-                                    .Add("message_counter_hex", HexId(st.nMsgCounter))
-                                    .Add("last_load", st.nLastCleanup)
-                                    .Add("names", st.nQNameCount)
-                                    .Add("processes", st.nUIDsCount)
-                                    .Add("registry_entries", st.nPRLSlotCount));
-            Json msgs = Json::Object();
+            out["controls"] = {{"size", st.nControlsSize},
+                               {"lock_owner", st.nLockOwner},
+                               {"lock_owner_alive", bOwnerAlive},
+                               {"lock_robust", bRobust},
+                               {"recoveries", st.nRecoveries},
+                               {"recovery_pending", bPending},
+                               {"last_recovery", st.nLastRecovery},
+                               {"last_dead_owner", st.nDeadOwner},
+                               {"slots", st.nQSlotCount},
+                               {"message_counter", st.nMsgCounter},
+                               {"message_counter_hex", HexId(st.nMsgCounter)},
+                               {"last_load", st.nLastCleanup},
+                               {"names", st.nQNameCount},
+                               {"processes", st.nUIDsCount},
+                               {"registry_entries", st.nPRLSlotCount}};
+            Json& msgs = out["messages"];
             for (int i = 0; i < 5; ++i)
-                msgs.Add(kStateKeys[i], arrStates[i]);
-            msgs.Add("invalid", nInvalid);
-            out.Add("messages", std::move(msgs));
-            Json reg = Json::Array();
+                msgs[kStateKeys[i]] = arrStates[i];
+            msgs["invalid"] = nInvalid;
+            Json& reg = out["registry"] = Json::array();
             for (const _PRL_CTL_* e : entries)
-                reg.Push(Json::Object()
-                             .Add("uid", e->nUID)
-                             .Add("process", ProcessNameOf(st, e->nUID))
-                             .Add("pid", e->nPID)
-                             .Add("pid_alive", ProcessExists(e->nPID))
-                             .Add("type", e->nMsgNo)
-                             .Add("type_name", TypeNameOf(st, e->nMsgNo))
-                             .Add("lifo", e->bUseLIFO != 0)
-                             .Add("callback", e->HasCallback()));
-            out.Add("registry", std::move(reg));
+                reg.push_back({{"uid", e->nUID},
+                               {"process", ProcessNameOf(st, e->nUID)},
+                               {"pid", e->nPID},
+                               {"pid_alive", ProcessExists(e->nPID)},
+                               {"type", e->nMsgNo},
+                               {"type_name", TypeNameOf(st, e->nMsgNo)},
+                               {"lifo", e->bUseLIFO != 0},
+                               {"callback", e->HasCallback()}});
             wmbridge::BridgeStatus b;
             if (ReadBridge(&b)) {
-                Json bridged = Json::Array();
+                Json bridged = Json::array();
                 for (const wmbridge::BridgedProcess& p : b.bridged)
-                    bridged.Push(Json::Object()
-                                     .Add("process", p.strName)
-                                     .Add("uid", p.nUID)
-                                     .Add("host", p.strHost));
-                out.Add("bridge", Json::Object()
-                                      .Add("pid", b.nPid)
-                                      .Add("pid_alive", ProcessExists(static_cast<int32_t>(b.nPid)))
-                                      .Add("host", b.strHost)
-                                      .Add("bridged", std::move(bridged)));
+                    bridged.push_back(
+                        {{"process", p.strName}, {"uid", p.nUID}, {"host", p.strHost}});
+                out["bridge"] = {{"pid", b.nPid},
+                                 {"pid_alive", ProcessExists(static_cast<int32_t>(b.nPid))},
+                                 {"host", b.strHost},
+                                 {"bridged", std::move(bridged)}};
             }
-        } else {
-            out.Add("controls", Json());
         }
-        Json problems = Json::Array();
-        for (const std::string& p : st.problems)
-            problems.Push(p);
-        out.Add("problems", std::move(problems));
+        out["problems"] = st.problems;
         PrintJson(out);
         return bRead ? kExitOk : kExitFailed;
     }

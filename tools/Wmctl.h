@@ -7,6 +7,7 @@
 //   Messages.cpp  send, recv, delete, reject, retry, register, unregister,
 //                 deleteby, count (through the library's public operations)
 //   Status.cpp    status (the live segments, read-only, without the lock)
+//   Metrics.cpp   metrics (the same snapshot for a monitoring system)
 //   Ipc.cpp       ipc-clean, and the segment and lock helpers of the others
 //   Offline.cpp   dump, fsck (the two database files, no shared memory)
 //   Output.cpp    JSON, times, hex dumps, progress, result-code texts
@@ -20,13 +21,17 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "WorkMessages.h"
 
 namespace wmctl {
+
+// Data slots of a host: bits in the SAT segment and in WDDF.bdb's table.
+const long kDataSlots = 65536;
 
 enum ExitCode {
     kExitOk = 0,     // success
@@ -38,45 +43,15 @@ enum ExitCode {
 // Output
 // ---------------------------------------------------------------------------
 
-// A JSON value that keeps the order of object members as they are added.
-// Dump() writes pure ASCII: bytes outside printable ASCII appear as \u00XX.
-class Json {
-public:
-    Json() = default;
-    Json(bool b) : kind(kBool), nValue(b ? 1 : 0) {}
-    template <class T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>, int> = 0>
-    Json(T n) : kind(kInt), nValue(static_cast<long long>(n)) {}
-    Json(double d) : kind(kDouble), dValue(d) {}
-    Json(const char* s) : kind(kString), strValue(s ? s : "") {}
-    Json(std::string s) : kind(kString), strValue(std::move(s)) {}
+// Every --json report is built as an nlohmann::ordered_json (Debian's
+// nlohmann-json3-dev): members come out in the order they were added.
+using Json = nlohmann::ordered_json;
 
-    static Json Array() { return Json(kArray); }
-    static Json Object() { return Json(kObject); }
-
-    // Adds a member to an object (or an element to an array); returns *this.
-    Json& Add(const std::string& key, Json value);
-    Json& Push(Json value);
-    size_t Size() const { return items.size(); }
-
-    std::string Dump() const;
-
-private:
-    enum Kind { kNull, kBool, kInt, kDouble, kString, kArray, kObject };
-    explicit Json(Kind k) : kind(k) {}
-    void DumpTo(std::string& out, int indent) const;
-
-    Kind kind = kNull;
-    long long nValue = 0;
-    double dValue = 0;
-    std::string strValue;
-    std::vector<std::string> keys; // objects: one per item
-    std::vector<Json> items;
-};
-
-// Writes the value to stdout, followed by a newline.
+// Writes the value to stdout, indented by two, followed by a newline. Strings
+// are taken as raw bytes (names from the host's files, message data): every
+// byte outside printable ASCII appears as \u00XX, so any data prints and
+// none is lost or refused.
 void PrintJson(const Json& value);
-// A JSON string of raw bytes (data of a message).
-std::string JsonQuote(const std::string& s);
 
 // "2024-03-03 08:05:09" in local time, or "-" for 0.
 std::string FormatTime(long long t);
@@ -163,9 +138,16 @@ struct LiveState {
     std::vector<_PRL_CTL_> registry;
     std::vector<_WQCONF_> names;
     std::vector<_PRUID_> processes;
+    long nDataSlotsUsed = -1;          // bits set in the SAT segment; -1: not read
     std::vector<std::string> problems; // what could not be read, and why
 };
-enum LiveParts { kLiveQueues = 1, kLiveRegistry = 2, kLiveDirectory = 4, kLiveAll = 7 };
+enum LiveParts {
+    kLiveQueues = 1,
+    kLiveRegistry = 2,
+    kLiveDirectory = 4,
+    kLiveDataSlots = 8,
+    kLiveAll = 15
+};
 // Fills *pState; false (with a problem) only when the Controls segment
 // exists but cannot be read.
 bool ReadLiveState(LiveState* pState, unsigned nParts);
@@ -175,6 +157,21 @@ bool ReadLiveState(LiveState* pState, unsigned nParts);
 // which the caller's record does not carry. False when it is not there or
 // its length is impossible.
 bool FindReceivedSlot(long nUID, const WorkMsg& msg, _WQCF_* pSlot);
+
+// The control slots of a snapshot by state (free, pending, received, retry,
+// delayed retry, named as kStateKeys), and those in no known state.
+extern const char* const kStateKeys[5];
+struct StateCounts {
+    long arrStates[5] = {0, 0, 0, 0, 0};
+    long nInvalid = 0;
+};
+StateCounts CountStates(const LiveState& st);
+// A type's or process's name from the snapshot's directory, or "#<number>".
+std::string TypeNameOf(const LiveState& st, int32_t nMsgNo);
+std::string ProcessNameOf(const LiveState& st, int32_t nUID);
+// Whether a kernel thread (the lock's owner word) or a process still exists.
+bool ThreadExists(int32_t nTid);
+bool ProcessExists(int32_t nPid);
 
 // The constructor lock of a database directory (its WM.lock), taken by
 // polling for up to nSeconds. Released by the destructor.
@@ -254,6 +251,9 @@ struct CountOpts {
 struct StatusOpts {
     bool bJson = false;
 };
+struct MetricsOpts {
+    std::string strOut; // file to replace atomically; empty: stdout
+};
 struct IpcCleanOpts {
     std::string strDbDir; // empty: from the configuration
     bool bJson = false;
@@ -280,6 +280,7 @@ int CmdUnregister(const RegisterOpts& o);
 int CmdDeleteBy(const DeleteByOpts& o);
 int CmdCount(const CountOpts& o);
 int CmdStatus(const StatusOpts& o);
+int CmdMetrics(const MetricsOpts& o);
 int CmdIpcClean(const IpcCleanOpts& o);
 int CmdDump(const DumpOpts& o);
 int CmdFsck(const FsckOpts& o);

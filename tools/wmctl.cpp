@@ -45,6 +45,7 @@ int main(int argc, char** argv) {
     CLI::App app{"Operator's tool for the work-message queues of this host.\n"
                  "Processes and message types are given by name or by number.",
                  "wmctl"};
+    app.set_version_flag("--version", "wmctl (QV_wm) " QV_WM_VERSION);
     app.require_subcommand(1);
     app.footer("Exit codes: 0 success, 1 an operation failed (its text on stderr), 2 usage.\n"
                "Every command has --help.");
@@ -195,6 +196,16 @@ int main(int argc, char** argv) {
                 "state, read through read-only attachments without taking the lock.");
     AddJson(sub, &status.bJson);
     sub->callback([&] { run = [&] { return CmdStatus(status); }; });
+
+    MetricsOpts metrics;
+    sub = app.add_subcommand("metrics", "Show the live state for a monitoring system");
+    sub->footer("Gauges in the Prometheus text format (for node_exporter's textfile "
+                "collector): messages by state, type and target, control and data slots, "
+                "receiver registrations, the Controls lock and the next message ID. Read "
+                "without taking the lock, like status.");
+    sub->add_option("-o,--out", metrics.strOut,
+                    "Replace this file atomically (e.g. DIR/wm.prom) instead of writing to stdout");
+    sub->callback([&] { run = [&] { return CmdMetrics(metrics); }; });
 
     IpcCleanOpts ipc;
     sub = app.add_subcommand("ipc-clean", "Remove leftover segments no process is attached to");
