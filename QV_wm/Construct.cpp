@@ -24,6 +24,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "Internal.h"
@@ -64,14 +65,14 @@ CWorkMessages::CWorkMessages(bool bNoClean)
       pREJECTFile(nullptr), nRecvCslot(M_NONE), bMsgAvail(false), bInternalCall(false),
       bHoldingConstructorLock(false), tAcquiredMutex(0), nWhineCount(0), pQctl(nullptr),
       bKeepAttached(false), pQueuesMap(nullptr), nQueuesMapHandle(-1), pPRLMap(nullptr),
-      nPRLMapHandle(-1), bQueuesFresh(false), bRecoverDeadOwner(false) {
+      nPRLMapHandle(-1), bQueuesFresh(false), bRecoverDeadOwner(false), bKeepFiles(false),
+      bWakeReceivers(false), bBlockingLock(false), bAnnounce(false) {
     szErrorMsg[0] = '\0';
     szTempBuff[0] = '\0';
     szTrace[0] = '\0';
 
     strVersion = BKVersion(kVersionRecord, false);
-    callerPID = getpid();
-    callerTID = qvwm::KernelTid();
+    qvwm::CallerIds(&callerPID, &callerTID);
     callerUID = getuid();
 
     // Configuration. Each failure writes its text directly; nothing is logged.
@@ -110,10 +111,20 @@ CWorkMessages::CWorkMessages(bool bNoClean)
             nLockTimeOut = kDefaultTimeout;
         if (!objGDDA->GetValue("WM_Trace", &bTrace, nLevel, true)) bTrace = false;
         if (callerPID == 1) bTrace = false; // init never traces
-        if (!objGDDA->GetValue("WM_KeepAttached", &bKeepAttached, nLevel, true))
-            bKeepAttached = false;
         if (!objGDDA->GetValue("WM_RecoverDeadOwner", &bRecoverDeadOwner, nLevel, true))
             bRecoverDeadOwner = false;
+        // The opt-ins: each as its own key says, and when that is not given,
+        // on with WM_FastPath=true.
+        bool bFastPath = false;
+        if (!objGDDA->GetValue("WM_FastPath", &bFastPath, nLevel, true)) bFastPath = false;
+        const std::pair<const char*, bool*> arrOptIns[] = {{"WM_KeepAttached", &bKeepAttached},
+                                                           {"WM_KeepFilesOpen", &bKeepFiles},
+                                                           {"WM_WakeReceivers", &bWakeReceivers},
+                                                           {"WM_BlockingLock", &bBlockingLock}};
+        for (const auto& optIn : arrOptIns) {
+            if (!objGDDA->GetValue(optIn.first, optIn.second, nLevel, true))
+                *optIn.second = bFastPath;
+        }
     }
     delete objGDDA;
     objGDDA = nullptr;

@@ -8,6 +8,14 @@
 // from the file (optionally dropping free slots and received messages);
 // every later change of a slot rewrites the header and that slot's record.
 //
+// Slots are taken lowest first, and two words of the Controls segment keep
+// bounds of what the table holds (see kCtlSlotHighWater and kCtlTopMessageID
+// in WorkMessages.h): every scan stops at the high-water mark, and Send skips
+// its check for an ID in use when the new ID is above the top one. Both are
+// raised before a slot is written through (_NoteSlot, from _UpdateWQCF,
+// which every change of a slot goes through), lowered when the top slot is
+// cleared, and rebuilt by the loader.
+//
 // The table grows by 128 slots when Send finds none free. Growth replaces the
 // segment and publishes the new handle in the Controls segment; every process
 // compares that handle with the segment it has mapped at the start of each
@@ -18,7 +26,8 @@
 // Locks: nothing here takes a lock. Every function runs while the calling
 // thread holds the Controls lock, which guards the Queues segment, the
 // fields nQueuesHandle, nQSlotCount, nMsgCounter, nLastCleanup and nXtnRate
-// of the Controls segment, and the control file. The object's header buffer
+// of the Controls segment, the words kCtlSlotHighWater and kCtlTopMessageID,
+// and the control file. The object's header buffer
 // (pQctl) and pWQCFile belong to the object.
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -156,12 +165,57 @@ void CWorkMessages::_PrefaultQueues() {
 #ifdef MADV_POPULATE_READ
     if (!bQueuesFresh || !qvwm::Attached(pWQCF)) return;
     bQueuesFresh = false;
-    // A new mapping has no page tables: a scan of the whole table takes one
+    // A new mapping has no page tables: a scan of the slots in use takes one
     // fault per page, a microsecond or more each. One call maps them all for
-    // a fraction of that. A kernel older than 5.14 refuses the advice, and
-    // the scan then faults the pages in as before.
-    madvise(pWQCF, TableBytes(pSMCtlrs->nQSlotCount), MADV_POPULATE_READ);
+    // a fraction of that, and a scan that stays on one page needs none. A
+    // kernel older than 5.14 refuses the advice, and the scan then faults the
+    // pages in as before.
+    const size_t nBytes = TableBytes(_ScanEnd());
+    if (nBytes > 4096) madvise(pWQCF, nBytes, MADV_POPULATE_READ);
 #endif
+}
+
+long CWorkMessages::_ScanEnd() const {
+    const long nCount = pSMCtlrs->nQSlotCount;
+    const long nMark = qvwm::LoadWord(pSMCtlrs->Reserved[kCtlSlotHighWater]);
+    // A mark outside the table (a segment whose words were never set) bounds
+    // nothing: the whole table is scanned.
+    return nMark >= 0 && nMark <= nCount ? nMark : nCount;
+}
+
+void CWorkMessages::_NoteSlot(long nSlot) {
+    int32_t& nMark = pSMCtlrs->Reserved[kCtlSlotHighWater];
+    int32_t& nTopID = pSMCtlrs->Reserved[kCtlTopMessageID];
+    const _WQCF_& slot = pWQCF[nSlot];
+    // A message written in a state that a receive takes is announced to
+    // waiting receivers once the lock is released (Wake.cpp).
+    if (slot.nflag == WQCF_Pending || slot.nflag == WQCF_Retry || slot.nflag == WQCF_Delayed_Retry)
+        bAnnounce = bWakeReceivers;
+    if (slot.nflag != WQCF_Available) {
+        if (nSlot >= _ScanEnd()) qvwm::StoreWord(nMark, static_cast<int32_t>(nSlot + 1));
+        if (slot.nMessageID > qvwm::LoadWord(nTopID)) qvwm::StoreWord(nTopID, slot.nMessageID);
+        return;
+    }
+    // Clearing the top slot in use: the mark goes down past the free slots
+    // below it. An empty table holds no ID, so IDs rise unchecked again.
+    long nEnd = _ScanEnd();
+    if (nSlot + 1 != nEnd) return;
+    while (nEnd > 0 && pWQCF[nEnd - 1].nflag == WQCF_Available)
+        --nEnd;
+    qvwm::StoreWord(nMark, static_cast<int32_t>(nEnd));
+    if (nEnd == 0) qvwm::StoreWord(nTopID, 0);
+}
+
+void CWorkMessages::_RebuildMarks() {
+    long nEnd = 0;
+    int32_t nTopID = 0;
+    for (long i = 0; i < pSMCtlrs->nQSlotCount; ++i) {
+        if (pWQCF[i].nflag == WQCF_Available) continue;
+        nEnd = i + 1;
+        if (pWQCF[i].nMessageID > nTopID) nTopID = pWQCF[i].nMessageID;
+    }
+    qvwm::StoreWord(pSMCtlrs->Reserved[kCtlSlotHighWater], static_cast<int32_t>(nEnd));
+    qvwm::StoreWord(pSMCtlrs->Reserved[kCtlTopMessageID], nTopID);
 }
 
 long CWorkMessages::_GetWQCFSlot() {
@@ -170,10 +224,12 @@ long CWorkMessages::_GetWQCFSlot() {
         _Failed(M_SHMERR, "Failed to update shared-memory Queues pointer", EINVAL);
         return M_SHMERR;
     }
-    const long nCount = pSMCtlrs->nQSlotCount;
-    for (long i = 0; i < nCount; ++i) {
+    // The lowest free slot: one below the high-water mark, or the mark itself.
+    const long nEnd = _ScanEnd();
+    for (long i = 0; i < nEnd; ++i) {
         if (pWQCF[i].nflag == WQCF_Available) return i;
     }
+    if (nEnd < pSMCtlrs->nQSlotCount) return nEnd;
     return _ResizeWQCF(kGrowthSlots, false);
 }
 
@@ -272,25 +328,39 @@ long CWorkMessages::_UpdateWQCF(long nSlot, bool bClean) {
         return nLastError;
     }
 
-    pWQCFile = qvwm::OpenDbFile(strWQCFFilename.c_str(), bClean ? "w" : "r+");
+    // The bounds follow the slot in shared memory, also when the file below
+    // can't be written: the slot is in the table either way.
+    if (nSlot >= 0) _NoteSlot(nSlot);
+
+    if (bClean) {
+        // Truncating may create the file: a stream of its own, never kept.
+        _CloseFile(&pWQCFile);
+        pWQCFile = qvwm::OpenDbFile(strWQCFFilename.c_str(), "w");
+    } else {
+        _OpenDbFile(&pWQCFile, strWQCFFilename);
+    }
     if (pWQCFile == nullptr) {
         _Failedf(M_SYSERR, -1, "Failed to open WQCF database: %s", strWQCFFilename.c_str());
         return nLastError;
     }
     pQctl->nEntriesAllocated = pSMCtlrs->nQSlotCount;
     pQctl->nCurrentMsgID = pSMCtlrs->nMsgCounter;
-    fwrite(pQctl, sizeof(_WQCF_CTL_), 1, pWQCFile);
+    // A failed write of the header is not reported: the header is written
+    // again with every later change.
+    qvwm::WriteAt(pWQCFile, pQctl, sizeof(_WQCF_CTL_), 0);
 
-    if (!bClean && nSlot >= 0) {
-        if (fseek(pWQCFile, SlotOffset(nSlot), SEEK_SET) != 0) {
-            _Failedf(M_SYSERR, -1, "Failed to position WQCF database: %s", strWQCFFilename.c_str());
-            _CloseFile(&pWQCFile);
-            return M_SYSERR;
-        }
-        fwrite(&pWQCF[nSlot], sizeof(_WQCF_), 1, pWQCFile);
+    bool bFailed = false;
+    if (!bClean && nSlot >= 0 &&
+        !qvwm::WriteAt(pWQCFile, &pWQCF[nSlot], sizeof(_WQCF_), SlotOffset(nSlot))) {
+        _Failedf(M_SYSERR, -1, "Failed to write slot %ld into WQCF database: %s", nSlot,
+                 strWQCFFilename.c_str());
+        bFailed = true;
     }
-    _CloseFile(&pWQCFile);
-    return M_OK;
+    if (bClean)
+        _CloseFile(&pWQCFile);
+    else
+        _DoneDbFile(&pWQCFile, bFailed);
+    return bFailed ? M_SYSERR : M_OK;
 }
 
 bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
@@ -492,6 +562,7 @@ bool CWorkMessages::_LoadAndCleanWQCF(bool bNoClean) {
         }
     }
 
+    _RebuildMarks();
     pSMCtlrs->nLastCleanup = static_cast<int32_t>(time(nullptr));
     pSMCtlrs->nXtnRate = 0;
     return true;

@@ -7,15 +7,13 @@
 // then read without it, so a slot that changes meanwhile may be counted in
 // its old or its new state. Nothing shared and no file is written here.
 //
-// Locks: only the Controls lock, and only around _GetPointers and the read of
-// nQSlotCount (unless the call is nested in an operation that holds it). The
-// process lookups of the by-process overload (GetUID) take and release it
-// themselves, one row at a time. The table is never read past the slot count
-// taken under the lock: another process may grow the table meanwhile, which
-// raises nQSlotCount and publishes a larger segment, while this object still
-// has the smaller one attached. Segments only grow while the shared state
-// exists, so every later attachment (GetUID re-attaches) holds at least as
-// many slots as the count taken here.
+// Locks: only the Controls lock, and only around _GetPointers and the reads of
+// nQSlotCount and the high-water mark (unless the call is nested in an operation that holds it).
+// The process lookups of the by-process overload (GetUID) take and release it themselves, one row
+// at a time. The table is never read past the slot count taken under the lock: another process may
+// grow the table meanwhile, which raises nQSlotCount and publishes a larger segment, while this
+// object still has the smaller one attached. Segments only grow while the shared state exists, so
+// every later attachment (GetUID re-attaches) holds at least as many slots as the count taken here.
 #include <cstring>
 
 #include "Internal.h"
@@ -71,13 +69,14 @@ long CountRows(Row* pRows, long nSlots, Name name, Lookup lookup, Table table, M
 } // namespace
 
 // The common entry of the four overloads: records the caller, refuses a null
-// array, takes the lock, re-attaches and reads the slot count once, under the
-// lock, with the attachment it belongs to; then releases the lock, so that the
+// array, takes the lock, re-attaches and reads the slot count (*pnSlots) and
+// the high-water mark (*pnEnd: no slot at or above it was in use) once, under
+// the lock, with the attachment they belong to; then releases the lock, so that the
 // counting runs without it. A null array is a caller's fault with no code of
 // its own: it is refused with the general failure code and a text, before any
 // lock, and nothing is touched (the "nothing counted" answer M_NONE would
 // hide the mistake).
-long CWorkMessages::_CountersEntry(const void* lpCounts, long* pnSlots) {
+long CWorkMessages::_CountersEntry(const void* lpCounts, long* pnSlots, long* pnEnd) {
     _RecordCaller();
     _TraceEntry("GetCounters");
     if (lpCounts == nullptr) {
@@ -88,19 +87,19 @@ long CWorkMessages::_CountersEntry(const void* lpCounts, long* pnSlots) {
     if (!bInternalCall && !_GetControlsLock(nLockTimeOut)) return M_LOCK;
     const long nResult = _GetPointers();
     *pnSlots = nResult == M_OK ? pSMCtlrs->nQSlotCount : 0;
+    *pnEnd = nResult == M_OK ? _ScanEnd() : 0;
     if (!bInternalCall) _FreeControlsLock(true);
     return nResult;
 }
 
 long CWorkMessages::GetCounters(lpCountByTypes lpCounts) {
-    long nSlots = 0;
-    long nResult = _CountersEntry(lpCounts, &nSlots);
+    long nSlots = 0, nEnd = 0;
+    long nResult = _CountersEntry(lpCounts, &nSlots, &nEnd);
     if (nResult != M_OK) return _Return(nResult);
 
     const _WQCF_* pTable = pWQCF;
     nResult = CountRows<sizeof(lpCounts->MsgID)>(
-        lpCounts, nSlots,
-        [](const __GET_COUNTERS__ENTRY1& r) -> const char(&)[9] { return r.MsgID; },
+        lpCounts, nEnd, [](const __GET_COUNTERS__ENTRY1& r) -> const char(&)[9] { return r.MsgID; },
         [this](const char* szName) { return _TypeNumber(szName); }, [pTable] { return pTable; },
         [](const _WQCF_& slot, long nMsgNo) { return slot.nMsgNo == nMsgNo; },
         [](__GET_COUNTERS__ENTRY1& r, const _WQCF_&) { ++r.Counter; },
@@ -109,8 +108,8 @@ long CWorkMessages::GetCounters(lpCountByTypes lpCounts) {
 }
 
 long CWorkMessages::GetCounters(lpCountByStates lpCounts) {
-    long nSlots = 0;
-    const long nResult = _CountersEntry(lpCounts, &nSlots);
+    long nSlots = 0, nEnd = 0;
+    const long nResult = _CountersEntry(lpCounts, &nSlots, &nEnd);
     // Rows the call could not reach stay untouched; once the lock was had,
     // the counters are set, to zero if the table could not be attached.
     if (nResult == M_LOCK || lpCounts == nullptr) return _Return(nResult);
@@ -119,7 +118,9 @@ long CWorkMessages::GetCounters(lpCountByStates lpCounts) {
     if (nResult != M_OK) return _Return(nResult);
 
     const long nStates = static_cast<long>(sizeof(lpCounts->Counter) / sizeof(long));
-    for (long i = 0; i < nSlots; ++i) {
+    // Every slot from the high-water mark up was free.
+    lpCounts->Counter[WQCF_Available] = nSlots - nEnd;
+    for (long i = 0; i < nEnd; ++i) {
         // One read of the state: the slot may change while it is counted.
         const long nState = pWQCF[i].nflag;
         // The library stores only the states 0 to 4; a slot with another
@@ -131,14 +132,13 @@ long CWorkMessages::GetCounters(lpCountByStates lpCounts) {
 }
 
 long CWorkMessages::GetCounters(lpCountByTsAndSs lpCounts) {
-    long nSlots = 0;
-    long nResult = _CountersEntry(lpCounts, &nSlots);
+    long nSlots = 0, nEnd = 0;
+    long nResult = _CountersEntry(lpCounts, &nSlots, &nEnd);
     if (nResult != M_OK) return _Return(nResult);
 
     const _WQCF_* pTable = pWQCF;
     nResult = CountRows<sizeof(lpCounts->MsgID)>(
-        lpCounts, nSlots,
-        [](const __GET_COUNTERS__ENTRY3& r) -> const char(&)[9] { return r.MsgID; },
+        lpCounts, nEnd, [](const __GET_COUNTERS__ENTRY3& r) -> const char(&)[9] { return r.MsgID; },
         [this](const char* szName) { return _TypeNumber(szName); }, [pTable] { return pTable; },
         [](const _WQCF_& slot, long nMsgNo) { return slot.nMsgNo == nMsgNo; },
         [](__GET_COUNTERS__ENTRY3& r, const _WQCF_& slot) {
@@ -154,14 +154,14 @@ long CWorkMessages::GetCounters(lpCountByTsAndSs lpCounts) {
 }
 
 long CWorkMessages::GetCounters(lpCountByUID lpCounts, bool bTargets) {
-    long nSlots = 0;
-    long nResult = _CountersEntry(lpCounts, &nSlots);
+    long nSlots = 0, nEnd = 0;
+    long nResult = _CountersEntry(lpCounts, &nSlots, &nEnd);
     if (nResult != M_OK) return _Return(nResult);
 
     // Each GetUID re-attaches the Queues segment (it runs _GetPointers), so
     // the table is taken from pWQCF after every lookup, never kept across one.
     nResult = CountRows<sizeof(lpCounts->UID)>(
-        lpCounts, nSlots, [](const __GET_COUNTERS__ENTRY4& r) -> const char(&)[9] { return r.UID; },
+        lpCounts, nEnd, [](const __GET_COUNTERS__ENTRY4& r) -> const char(&)[9] { return r.UID; },
         [this](const char* szName) { return _ProcessNumber(szName); },
         [this]() -> const _WQCF_* { return qvwm::Attached(pWQCF) ? pWQCF : nullptr; },
         [bTargets](const _WQCF_& slot, long nUID) {

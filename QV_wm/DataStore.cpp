@@ -17,6 +17,23 @@
 // free slot, the write of the data and the marking of its bit happen inside
 // one locked operation, so two senders never get the same slot. pWDDFile
 // belongs to the object.
+//
+// This file also owns how an operation gets at the two database files
+// (_OpenDbFile, _DoneDbFile): by default each write-through opens the file
+// and closes it again. With WM_KeepFilesOpen the object keeps the stream
+// from one call to the next and closes it in its destructor (or after a
+// failed read or write, so that the next call opens the file again). All
+// reads and writes are positioned, so a kept stream has no position to lose,
+// also when a forked child shares it. A kept stream stays on the file it
+// opened: the library itself never removes or replaces the files while the
+// shared state exists (only a first constructor creates or rewrites them,
+// when no object is attached, and wmctl fsck refuses to run while one is).
+// A file that someone else removes or replaces behind running processes is
+// not followed: their writes go on to the old file and are lost with it.
+// Stop the processes before touching the files.
+//
+// Locks: the streams belong to the object; they are used only under the
+// Controls lock.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -59,12 +76,19 @@ long MarkDataInUse(const _WQCF_* pTable, long nCount, pByteInt pSAT) {
 // Writes the slot table at the head of the open data file: null, or what
 // failed.
 const char* WriteSlotTable(FILE* fp, const ByteInt* pSAT) {
-    if (fseek(fp, 0, SEEK_SET) != 0) return "Failed to rewind WDDF database";
-    if (fwrite(pSAT, 1, kSATSize, fp) != kSATSize)
-        return "Failed to update DDSAT into WDDF database";
+    if (!qvwm::WriteAt(fp, pSAT, kSATSize, 0)) return "Failed to update DDSAT into WDDF database";
     return nullptr;
 }
 } // namespace
+
+FILE* CWorkMessages::_OpenDbFile(FILE** fileDesc, const std::string& strPath) {
+    if (*fileDesc == nullptr) *fileDesc = qvwm::OpenDbFile(strPath.c_str(), "r+");
+    return *fileDesc;
+}
+
+void CWorkMessages::_DoneDbFile(FILE** fileDesc, bool bFailed) {
+    if (!bKeepFiles || bFailed) _CloseFile(fileDesc);
+}
 
 long CWorkMessages::_GetWDDFSlot() {
     _TraceEntry("_GetWDDFSlot");
@@ -117,23 +141,19 @@ long CWorkMessages::_UpdateWDDF(int nfunc, int nslot, int datalen, const void* p
                  static_cast<int>(kSlotSize));
         return nLastError;
     }
-    auto release = qvwm::OnScopeExit([this, pBlock] {
-        _CloseFile(&pWDDFile);
+    bool bFailed = true; // until both writes are done
+    auto release = qvwm::OnScopeExit([this, pBlock, &bFailed] {
+        _DoneDbFile(&pWDDFile, bFailed);
         free(pBlock);
     });
     if (bStore && datalen > 0) memcpy(pBlock, pdata, static_cast<size_t>(datalen));
 
     const char* szPath = strWDDFFilename.c_str();
-    pWDDFile = qvwm::OpenDbFile(szPath, "r+");
-    if (pWDDFile == nullptr) {
+    if (_OpenDbFile(&pWDDFile, strWDDFFilename) == nullptr) {
         _Failedf(M_SYSERR, -1, "Failed to open WDDF database: %s", szPath);
         return nLastError;
     }
-    if (fseek(pWDDFile, SlotOffset(nslot), SEEK_SET) != 0) {
-        _Failedf(M_SYSERR, -1, "Failed to position WDDF database: %s", szPath);
-        return nLastError;
-    }
-    if (fwrite(pBlock, 1, kSlotSize, pWDDFile) != static_cast<size_t>(kSlotSize)) {
+    if (!qvwm::WriteAt(pWDDFile, pBlock, kSlotSize, SlotOffset(nslot))) {
         _Failedf(M_SYSERR, -1, "Failed to write slot into WDDF database: %s", szPath);
         return nLastError;
     }
@@ -147,6 +167,7 @@ long CWorkMessages::_UpdateWDDF(int nfunc, int nslot, int datalen, const void* p
         _Failedf(M_SYSERR, -1, "%s: %s", szFault, szPath);
         return nLastError;
     }
+    bFailed = false;
     return M_OK;
 }
 
@@ -159,15 +180,10 @@ pByteInt CWorkMessages::_ReadWDDF(int nslot) {
     }
 
     const char* szPath = strWDDFFilename.c_str();
-    auto closeFile = qvwm::OnScopeExit([this] { _CloseFile(&pWDDFile); });
-    pWDDFile = qvwm::OpenDbFile(szPath, "r+");
-    if (pWDDFile == nullptr) {
+    bool bFailed = true; // until the block is read
+    auto closeFile = qvwm::OnScopeExit([this, &bFailed] { _DoneDbFile(&pWDDFile, bFailed); });
+    if (_OpenDbFile(&pWDDFile, strWDDFFilename) == nullptr) {
         _Failedf(M_SYSERR, -1, "Failed to open WDDF database: %s", szPath);
-        return nullptr;
-    }
-    // A seek beyond the end is allowed: a slot never written reads as zeros.
-    if (fseek(pWDDFile, SlotOffset(nslot), SEEK_SET) != 0) {
-        _Failedf(M_SYSERR, -1, "Failed to position WDDF database at slot: %d", nslot + 1);
         return nullptr;
     }
     pByteInt pBlock = static_cast<pByteInt>(calloc(1, kSlotSize));
@@ -176,15 +192,16 @@ pByteInt CWorkMessages::_ReadWDDF(int nslot) {
                  static_cast<int>(kSlotSize));
         return nullptr;
     }
-    // A short read (the file ends inside or before the slot) leaves zeros.
-    if (fread(pBlock, 1, kSlotSize, pWDDFile) < static_cast<size_t>(kSlotSize) &&
-        ferror(pWDDFile)) {
+    // A short read (the file ends inside or before the slot, which may lie
+    // past the end) leaves zeros; only an error fails.
+    if (!qvwm::ReadAt(pWDDFile, pBlock, kSlotSize, SlotOffset(nslot))) {
         // Unreadable is not the same as empty: the caller must not take the
         // zeros for the message's data.
         free(pBlock);
         _Failedf(M_SYSERR, -1, "Failed to read WDDF database: %s", szPath);
         return nullptr;
     }
+    bFailed = false;
     return pBlock;
 }
 

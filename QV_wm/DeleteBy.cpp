@@ -47,7 +47,8 @@ long CWorkMessages::DeleteBy(long nDaysOld, long nTargetUID, long nSenderUID, lo
         // Every matching message is deleted, whether or not the caller asked
         // for the count. Delete clears its slot in place and moves no other,
         // so each slot is visited once.
-        for (long i = 0; nResult == M_OK && i < pSMCtlrs->nQSlotCount; ++i) {
+        // The high-water mark only falls while this runs: read it each time.
+        for (long i = 0; nResult == M_OK && i < _ScanEnd(); ++i) {
             const _WQCF_& slot = pWQCF[i];
             if (slot.nflag == WQCF_Available) continue;
             // Age in whole days, truncated toward zero; 64-bit, so that no

@@ -1,5 +1,6 @@
 // Small helpers shared by the library's files: kernel thread IDs, the
-// file-creation mask, scope guards, attachment tests and address printing.
+// file-creation mask, scope guards, attachment tests, the shared words of the
+// Controls segment and address printing.
 #ifndef QV_WM_INTERNAL_H
 #define QV_WM_INTERNAL_H
 
@@ -30,6 +31,20 @@ inline bool KernelReportsDeadOwners() {
     void* pHead = nullptr;
     size_t nLength = 0;
     return syscall(SYS_get_robust_list, 0, &pHead, &nLength) == 0;
+}
+
+// The calling process's ID and thread's kernel thread ID, from a per-thread
+// cache that asks the kernel once per thread; a child made by fork asks again,
+// so it always records its own IDs (Frame.cpp).
+void CallerIds(pid_t* pPid, pid_t* pTid);
+
+// A 32-bit word of shared memory that another process may read or write
+// without the Controls lock: every access is one atomic access.
+inline int32_t LoadWord(const int32_t& nWord) {
+    return __atomic_load_n(&nWord, __ATOMIC_ACQUIRE);
+}
+inline void StoreWord(int32_t& nWord, int32_t nValue) {
+    __atomic_store_n(&nWord, nValue, __ATOMIC_RELEASE);
 }
 
 // Sets the file-creation mask for the life of the guard (files the library
@@ -64,14 +79,34 @@ template <class F> ScopeExit<F> OnScopeExit(F f) {
     return ScopeExit<F>(std::move(f));
 }
 
-// Opens a database file with the mask 002 and without stdio buffering: each
-// fwrite goes straight to the file and an fseek costs no read-ahead, so the
-// write-through of an operation makes exactly the system calls it needs.
+// Opens a database file without stdio buffering: each read or write goes
+// straight to the file and costs no read-ahead, so the write-through of an
+// operation makes exactly the system calls it needs. Only a mode that can
+// create the file ("w", "a") sets the mask 002 around the open, so that a
+// created file gets mode 0664; opening an existing file leaves the mask alone.
 inline FILE* OpenDbFile(const char* szPath, const char* szMode) {
-    UmaskGuard mask(002);
-    FILE* fp = fopen(szPath, szMode);
+    FILE* fp = nullptr;
+    if (szMode[0] == 'w' || szMode[0] == 'a') {
+        UmaskGuard mask(002);
+        fp = fopen(szPath, szMode);
+    } else {
+        fp = fopen(szPath, szMode);
+    }
     if (fp) setvbuf(fp, nullptr, _IONBF, 0);
     return fp;
+}
+
+// Writes nBytes at nOffset of the stream's file in one positioned call (the
+// stream is unbuffered, so nothing of it is bypassed); false when fewer bytes
+// were written.
+inline bool WriteAt(FILE* fp, const void* pData, size_t nBytes, off_t nOffset) {
+    return pwrite(fileno(fp), pData, nBytes, nOffset) == static_cast<ssize_t>(nBytes);
+}
+// Reads up to nBytes at nOffset in one positioned call; false only on an
+// error (errno set). A read that meets the end of the file leaves the rest
+// of the buffer as it was.
+inline bool ReadAt(FILE* fp, void* pData, size_t nBytes, off_t nOffset) {
+    return pread(fileno(fp), pData, nBytes, nOffset) >= 0;
 }
 
 // shmat's failure value.

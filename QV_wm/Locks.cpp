@@ -15,10 +15,17 @@
 //
 // Lock order: the constructor lock before the Controls lock. A thread never
 // waits for the constructor lock while it holds the Controls lock (the
-// destructor releases the Controls lock first). Both locks are only polled
-// (20 attempts a second for the configured wait), never waited on blocking:
-// a holder that died leaves the Controls lock held, and callers time out
-// naming the dead owner instead of hanging.
+// destructor releases the Controls lock first). Both locks are polled (20
+// attempts a second for the configured wait) and never waited on without a
+// limit: a holder that died leaves the Controls lock held, and callers time
+// out naming the dead owner instead of hanging. With WM_BlockingLock the
+// Controls lock is waited for in one blocking wait on the monotonic clock
+// that ends at the same time the polls would: the waiter gets the lock as
+// soon as it is released, with the same timeout, texts and owner naming.
+//
+// A process with WM_WakeReceivers announces a message it made receivable
+// right after it released the Controls lock (_FreeControlsLock), so that the
+// woken receiver finds the lock free.
 //
 // A host whose first constructor read WM_RecoverDeadOwner has a robust
 // mutex instead: the attempt after a holder died takes the lock with
@@ -63,7 +70,27 @@ const int kLockRelease = 2;
 const int kLockFlags = 4;
 const int kLongHoldSecs = 5;
 const int kMaxLongHoldReports = 10;
+
+struct timespec DeadlineAfter(long nSecs) {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    ts.tv_sec += nSecs;
+    return ts;
+}
 } // namespace
+
+// One attempt at the Controls lock: without a deadline it only tries, with
+// one it waits until then. EBUSY when the lock stayed taken; a thread that
+// holds the lock itself finds it taken until the deadline, as the polls do.
+int CWorkMessages::_LockAttempt(const struct timespec* pDeadline) {
+    if (pDeadline == nullptr) return pthread_mutex_trylock(&pSMCtlrs->MutexCtlrs);
+    int rc = pthread_mutex_clocklock(&pSMCtlrs->MutexCtlrs, CLOCK_MONOTONIC, pDeadline);
+    if (rc == EDEADLK) {
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, pDeadline, nullptr) == EINTR) {
+        }
+    }
+    return rc == ETIMEDOUT || rc == EDEADLK ? EBUSY : rc;
+}
 
 pid_t CWorkMessages::_LockOwner() const {
     if (!qvwm::Attached(pSMCtlrs)) return 0;
@@ -144,12 +171,15 @@ bool CWorkMessages::_GetControlsLock(long nMaxWait) {
         return false;
     }
 
-    const long nAttempts = nMaxWait > 0 ? nMaxWait * kAttemptsPerSecond : 0;
+    // Blocking: one attempt that waits as long as all the polls would.
+    const struct timespec tDeadline = DeadlineAfter(nMaxWait);
+    const struct timespec* pDeadline = bBlockingLock ? &tDeadline : nullptr;
+    const long nAttempts = nMaxWait <= 0 ? 0 : bBlockingLock ? 1 : nMaxWait * kAttemptsPerSecond;
     for (long i = 0; i < nAttempts; ++i) {
         // Taking the lock from a dead owner overwrites the owner word: read
         // it first, to name the dead thread.
         const pid_t nOwnerBefore = _LockOwner();
-        int rc = pthread_mutex_trylock(&pSMCtlrs->MutexCtlrs);
+        int rc = _LockAttempt(pDeadline);
         if (rc == 0 || rc == EOWNERDEAD) return _LockTaken(rc, nOwnerBefore);
         if (rc != EBUSY) {
             char szDesc[256];
@@ -161,7 +191,7 @@ bool CWorkMessages::_GetControlsLock(long nMaxWait) {
             _Log("_GetControlsLock failed%s, rc=%d", szSuffix, rc);
             return false;
         }
-        Usleep(kPollUsecs);
+        if (pDeadline == nullptr) Usleep(kPollUsecs);
     }
 
     const long nOwner = _LockOwner();
@@ -216,6 +246,10 @@ void CWorkMessages::_FreeControlsLock(bool /*bComplain: releasing works the same
         _Log("_FreeControlsLock: pthread_mutex_unlock failed(rc=%d)\nReason: %s", rc,
              strerror_r(rc, szDesc, sizeof(szDesc)));
         return;
+    }
+    if (bAnnounce) {
+        bAnnounce = false;
+        _Announce();
     }
     const long tDelta = static_cast<long>(time(nullptr) - tAcquiredMutex);
     if (tDelta >= kLongHoldSecs && nWhineCount < kMaxLongHoldReports) {

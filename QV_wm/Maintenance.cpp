@@ -138,7 +138,7 @@ long CWorkMessages::__SetPrio(long nSlot, bool bResetHigh) {
         // another message holds, would make this message unreachable or let a
         // deletion by that ID take the other message: refused, slot untouched.
         if (nNewID != slot.nMessageID &&
-            (nNewID == 0 || IdHeldElsewhere(pWQCF, nCount, nSlot, nNewID))) {
+            (nNewID == 0 || IdHeldElsewhere(pWQCF, _ScanEnd(), nSlot, nNewID))) {
             snprintf(szErrorMsg, sizeof(szErrorMsg),
                      "WorkMsg object: slot %ld can't take %s prio: its ID would be %.8X, which "
                      "is 0 or held by another message",

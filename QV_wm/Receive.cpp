@@ -14,8 +14,8 @@
 // Locks: only the Controls lock is taken here. Each pass (_Receive) takes it
 // itself, even inside a nested call, and holds it for every look at the
 // table, the data read, the copy and the filter call; it lets go only for
-// each 250 ms sleep. It guards the control slots and nQSlotCount, the
-// registry entries and nPRLSlotCount, and the control and data files. Because
+// each 250 ms sleep (cut short by a wake-up with WM_WakeReceivers). It guards the control slots and
+// nQSlotCount, the registry entries and nPRLSlotCount, and the control and data files. Because
 // another process may grow and move the Queues and PRLs segments while the
 // lock is free, and the name lookups of the trace lines re-attach them too,
 // slots are held by index (nRecvCslot) and re-derived from pWQCF after every
@@ -152,14 +152,17 @@ long CWorkMessages::_Receive(long nUID, long nMaxWait, WorkMsg* wMSG, long nMsgN
                 break;
             }
             // The lock is free only for the sleep; time spent waiting for it
-            // again does not count against the budget.
+            // again does not count against the budget. The sleep is one step,
+            // or less when a message is announced (WM_WakeReceivers) after
+            // this look.
+            const int32_t nSeenSeq = _WakeSeq();
             _FreeControlsLock(true);
-            Usleep(kStepUsecs);
+            const long nSlept = _WaitStep(kStepUsecs, nSeenSeq);
             if (!_GetControlsLock(nLockTimeOut)) {
                 nResult = M_LOCK;
                 break;
             }
-            if (!bForever) nWaitUsecs -= kStepUsecs;
+            if (!bForever) nWaitUsecs -= nSlept;
             continue;
         }
 
@@ -250,13 +253,13 @@ long CWorkMessages::_GetNextMessage(long nUID, WQCFstates ctlState, long nMsgNoL
                                     long nCurrentMessage) {
     _TraceEntry("_GetNextMessage");
     if (!qvwm::Attached(pWQCF)) return M_NONE;
-    _PrefaultQueues(); // every slot is read
+    _PrefaultQueues(); // every slot in use is read
     // Oldest first: the smallest ID above the bound; on equal IDs the lower
     // slot wins. IDs compare as signed 32-bit numbers, both bounds exclusive.
     long nBest = kNoBoundLIFO;
     long nFound = M_NONE;
-    const long nCount = pSMCtlrs->nQSlotCount;
-    for (long i = 0; i < nCount; ++i) {
+    const long nEnd = _ScanEnd();
+    for (long i = 0; i < nEnd; ++i) {
         const _WQCF_& slot = pWQCF[i];
         const long nID = slot.nMessageID;
         if (slot.nflag == ctlState && slot.nTargetUID == nUID && nCurrentMessage < nID &&
@@ -272,12 +275,12 @@ long CWorkMessages::_GetNextMessage_R(long nUID, WQCFstates ctlState, long nMsgN
                                       long nCurrentMessage) {
     _TraceEntry("_GetNextMessage_R");
     if (!qvwm::Attached(pWQCF)) return M_NONE;
-    _PrefaultQueues(); // every slot is read
+    _PrefaultQueues(); // every slot in use is read
     // Newest first: the largest ID below the bound; on equal IDs the higher
     // slot wins.
     long nBest = kNoBoundFIFO;
     long nFound = M_NONE;
-    for (long i = pSMCtlrs->nQSlotCount - 1; i >= 0; --i) {
+    for (long i = _ScanEnd() - 1; i >= 0; --i) {
         const _WQCF_& slot = pWQCF[i];
         const long nID = slot.nMessageID;
         if (slot.nflag == ctlState && slot.nTargetUID == nUID && nBest < nID &&
@@ -296,8 +299,8 @@ long CWorkMessages::_SearchMSGID(long nMID) {
     if (nAttach != M_OK) return nAttach;
 
     long nFound = M_MSGID;
-    const long nCount = pSMCtlrs->nQSlotCount;
-    for (long i = 0; i < nCount; ++i) {
+    const long nEnd = _ScanEnd();
+    for (long i = 0; i < nEnd; ++i) {
         // A search that goes past the first page may read the whole table:
         // its pages are mapped in one go rather than one fault at a time.
         if (i == kSlotsPerPage) _PrefaultQueues();

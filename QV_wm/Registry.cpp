@@ -103,7 +103,7 @@ long CWorkMessages::SetInput(long nUID, const char* szMname, long (*Callback)(lo
     // seen; writing it would only leave a free entry that carries a type and
     // a callback. Accept the call and keep the table unchanged.
     if (nResult == M_OK && nUID != 0) {
-        const pid_t nCallerPID = getpid();
+        const pid_t nCallerPID = callerPID;
         long nSlot = _KnownRequest(nUID, nID, nCallerPID);
         bool bHadCallback = false;
         if (nSlot == M_NOTACT) {
@@ -149,7 +149,7 @@ long CWorkMessages::UnsetInput(long nUID, const char* szMname, long nPID) {
     }
     if (!bInternalCall && !_GetControlsLock(nLockTimeOut)) return _Return(M_LOCK);
 
-    const pid_t nOwnPID = getpid();
+    const pid_t nOwnPID = callerPID;
     const long nProcess = nPID != 0 ? nPID : static_cast<long>(nOwnPID);
     // Clears one entry. The callback count follows only entries of this
     // process: an entry of another process, removed by its process ID, was
@@ -210,7 +210,7 @@ void CWorkMessages::_RunCallbacks(long nMsgNo) {
     // A callback address means something only in the process that
     // registered it, so only this process's registrations are called; those
     // of other processes are left to them.
-    const pid_t nOwnPID = getpid();
+    const pid_t nOwnPID = callerPID; // recorded by Send
     for (long i = 0; qvwm::Attached(pPRLL) && i < pSMCtlrs->nPRLSlotCount; ++i) {
         const _PRL_CTL_& entry = pPRLL[i];
         if (entry.nUID == 0 || entry.nPID != nOwnPID || entry.nMsgNo != nMsgNo) continue;

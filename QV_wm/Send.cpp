@@ -94,7 +94,7 @@ long CWorkMessages::Send(long nUID, const char* pMname, WorkMsg* wMsg, bool bHiP
         // The slot is looked for even for an unknown name, so a full table
         // grows either way. A failed growth reported its own text, so its
         // code replaces the name's to keep code and text together.
-        _PrefaultQueues(); // the ID check below reads every slot
+        _PrefaultQueues(); // the ID check below may read every slot in use
         const long nFree = _GetWQCFSlot();
         if (nFree < 0) nResult = nFree;
         nSlot = nFree;
@@ -106,8 +106,10 @@ long CWorkMessages::Send(long nUID, const char* pMname, WorkMsg* wMsg, bool bHiP
             // message's; past 0x7FFFFFFE the counter starts again at
             // 0x40000000, where old IDs may still be in use. Each skip passes
             // over a distinct value held by a distinct message, so the search
-            // ends within the number of messages in the table.
-            const long nCount = pSMCtlrs->nQSlotCount;
+            // ends within the number of messages in the table. An ID above
+            // the top one in use needs no look at the table.
+            const long nEnd = _ScanEnd();
+            const long nTopID = qvwm::LoadWord(pSMCtlrs->Reserved[kCtlTopMessageID]);
             long nMessageID = 0;
             long nSlotID = 0;
             for (;;) {
@@ -117,7 +119,7 @@ long CWorkMessages::Send(long nUID, const char* pMname, WorkMsg* wMsg, bool bHiP
                 pSMCtlrs->nMsgCounter =
                     static_cast<int32_t>(nNext > kLastMsgID ? kFirstMsgID : nNext);
                 nSlotID = bHiPrio ? (nMessageID & kPrioIDMask) : nMessageID;
-                if (nSlotID != 0 && !IdInUse(pWQCF, nCount, nSlotID)) break;
+                if (nSlotID != 0 && (nSlotID > nTopID || !IdInUse(pWQCF, nEnd, nSlotID))) break;
             }
             slot.nResponse = 0;
             slot.nMessageID = static_cast<int32_t>(nSlotID);

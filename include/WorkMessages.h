@@ -89,6 +89,7 @@ typedef struct _SM_Controls_ {
     int32_t nPRLSlotCount; // entries in the PRLs segment
     int32_t nLastCleanup;  // time of the last load of the control table
     int32_t nXtnRate;      // 0; unused
+    // Reserved[0..5]: the words named kCtl* below.
     int32_t Reserved[18];
     // Process-shared, error-checking; 24 bytes on i386, 40 on x86_64. Its
     // owner word (__data.__owner) holds the holder's kernel thread ID.
@@ -169,6 +170,39 @@ typedef struct _PRUID_ {
     char nPad[1];
 } * pUIDlist;
 
+// Words of _SM_Controls_::Reserved, by index. Each is read and written with
+// 32-bit atomic accesses, because some are read without the Controls lock.
+//
+// kCtlSlotHighWater: no control slot at this index or above is in use, so
+// every scan of the table stops here. An upper bound, never too low: every
+// writer of a slot raises it under the Controls lock before the slot holds a
+// message (_UpdateWQCF), the clearing of the top slot lowers it to just past
+// the highest slot still in use, and the loader of the control file sets it.
+// Read under the lock by every scan.
+//
+// kCtlTopMessageID: no slot in use holds a message ID above this one (an
+// upper bound, kept with the high-water mark, and 0 when the table is
+// empty). Send skips its check that a new ID is unused when the ID is above
+// it: IDs are handed out in rising order, so until the counter starts again
+// at its first value no message can hold the next one.
+//
+// kCtlWakeSeq: a sequence number that processes with WM_WakeReceivers bump
+// after they made a message receivable (Send, Retry, slot repair); a
+// receiver of such a process sleeps on it (a futex on the shared word) for
+// at most its 250 ms step. Written without the lock.
+//
+// kCtlWakeWaiters: how many receivers sleep on kCtlWakeSeq, raised and
+// lowered by each of them around its sleep; an announcer makes the wake-up
+// system call only when it is above 0. Written without the lock.
+//
+// Reserved[4] and Reserved[5] are kept for this group of words and are 0.
+enum {
+    kCtlSlotHighWater = 0,
+    kCtlTopMessageID = 1,
+    kCtlWakeSeq = 2,
+    kCtlWakeWaiters = 3,
+};
+
 // Slot counts of the shared records. Changing any of these breaks the
 // stored files or the peers attached to the segments.
 static_assert(sizeof(_SM_Controls_) == 128 + sizeof(pthread_mutex_t),
@@ -192,6 +226,14 @@ static_assert(offsetof(_SM_Controls_, nLastCleanup) == 48,
               "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, nXtnRate) == 52, "Controls layout is shared by all peers");
 static_assert(offsetof(_SM_Controls_, Reserved) == 56, "Controls layout is shared by all peers");
+static_assert(offsetof(_SM_Controls_, Reserved) + 4 * kCtlSlotHighWater == 56,
+              "every peer keeps the slot high-water mark at segment offset 56");
+static_assert(offsetof(_SM_Controls_, Reserved) + 4 * kCtlTopMessageID == 60,
+              "every peer keeps the top message ID at segment offset 60");
+static_assert(offsetof(_SM_Controls_, Reserved) + 4 * kCtlWakeSeq == 64,
+              "every peer announces and waits on the futex word at segment offset 64");
+static_assert(offsetof(_SM_Controls_, Reserved) + 4 * kCtlWakeWaiters == 68,
+              "every peer counts sleeping receivers at segment offset 68");
 static_assert(offsetof(_SM_Controls_, MutexCtlrs) == 128, "the mutex follows the 128 field bytes");
 static_assert(offsetof(_SM_Controls_, MutexCtlrs) + offsetof(pthread_mutex_t, __data.__owner) ==
                   136,
@@ -430,6 +472,16 @@ private:
     // robust. Every object recovers from a dead owner whatever it says (the
     // mutex's kind belongs to the host).
     bool bRecoverDeadOwner;
+    // Opt-ins of the host's level, each off by default (WM_FastPath turns
+    // them all on, with bKeepAttached): keep the database files open between
+    // calls (bKeepFiles), wake waiting receivers through kCtlWakeSeq
+    // (bWakeReceivers), wait for the Controls lock blocking instead of
+    // polling (bBlockingLock). bAnnounce: this operation made a message
+    // receivable; _FreeControlsLock announces it after the release.
+    bool bKeepFiles;
+    bool bWakeReceivers;
+    bool bBlockingLock;
+    bool bAnnounce;
 
     // Frame and reporting (Frame.cpp).
     void _RecordCaller();
@@ -454,9 +506,20 @@ private:
     void _CloseFile(FILE** fileDesc);
     pid_t _LockOwner() const;
     bool _LockTaken(int rc, pid_t nOwnerBefore);
+    int _LockAttempt(const struct timespec* pDeadline);
 
     // Recovery from a dead lock owner (Recovery.cpp).
     bool _RecoverFromDeadOwner(pid_t nDeadOwner);
+
+    // Database files (DataStore.cpp): a stream of the control or data file
+    // for one operation, kept between calls with WM_KeepFilesOpen.
+    FILE* _OpenDbFile(FILE** fileDesc, const std::string& strPath);
+    void _DoneDbFile(FILE** fileDesc, bool bFailed);
+
+    // Waking receivers (Wake.cpp).
+    void _Announce();
+    long _WaitStep(long nMaxUsecs, int32_t nSeenSeq);
+    int32_t _WakeSeq() const;
 
     // Construction and teardown (Construct.cpp).
     void _BuildSharedTables(bool bNoClean);
@@ -482,6 +545,9 @@ private:
     long _ResizeWQCF(long nSize, bool bCountNotIncr);
     long _AllocateQueues(long nCount, bool bRealloc);
     long _UpdateWQCF(long nSlot, bool bClean);
+    void _NoteSlot(long nSlot);
+    void _RebuildMarks();
+    long _ScanEnd() const;
     bool _LoadAndCleanWQCF(bool bNoClean);
 
     // Data store (DataStore.cpp).
@@ -510,7 +576,7 @@ private:
     long _SearchMSGID(long nMID);
 
     // Counters (Counters.cpp).
-    long _CountersEntry(const void* lpCounts, long* pnSlots);
+    long _CountersEntry(const void* lpCounts, long* pnSlots, long* pnEnd);
 
     // Delete, Reject, Retry (Delete.cpp).
     long _FindMessage(long nMessageID);

@@ -24,6 +24,8 @@ public:
     bool& Trace() { return o.bTrace; }
     bool& KeepAttached() { return o.bKeepAttached; }
     FILE*& LockFile() { return o.pLOCKFile; }
+    FILE*& ControlFile() { return o.pWQCFile; }
+    FILE*& DataFile() { return o.pWDDFile; }
     time_t& AcquiredMutex() { return o.tAcquiredMutex; }
     int& WhineCount() { return o.nWhineCount; }
     long& LockTimeOut() { return o.nLockTimeOut; }
@@ -52,6 +54,8 @@ public:
     void FreeControlsLock(bool complain) { o._FreeControlsLock(complain); }
     void Unlock() { o._Unlock(); }
     pid_t LockOwner() { return o._LockOwner(); }
+    long WaitStep(long usecs, int32_t seenSeq) { return o._WaitStep(usecs, seenSeq); }
+    int32_t WakeSeq() { return o._WakeSeq(); }
 
     // Directory.
     bool LoadNames(const std::string& path) { return o._LoadNames(path); }

@@ -85,7 +85,8 @@ protected:
 
     // Rewrites the configuration file. devExtra lines go into [Dev]
     // (e.g. "WM_Trace=true\n"); the defaults are WM_Timeout_Secs=1 and
-    // WM_DBPath pointing at dbDir.
+    // WM_DBPath pointing at dbDir, and WM_FastPath=true when the variable
+    // QV_WM_TEST_FASTPATH is set (the suite's run with every opt-in on).
     void WriteConfig(const std::string& devExtra = "", bool withDbPath = true);
 
     std::string root;       // Root=

@@ -174,6 +174,9 @@ TEST_F(AdminTest, DeleteByAgeCountsWholeDaysTruncated) {
 }
 
 TEST_F(AdminTest, DeleteByStopsAtTheFirstFailedDeletion) {
+    // The data file is replaced behind the object: only an object that opens
+    // it for each call meets the replacement.
+    WriteConfig("WM_KeepFilesOpen=false\n");
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
     SendText(wm, 101, "ORDER", 102, nullptr); // no data: the data file is not needed

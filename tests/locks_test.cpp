@@ -1,6 +1,8 @@
 // The failure routine and the two locks: what a caller sees when a lock is
-// busy, who may release it, and how failures report and release.
+// busy, who may release it, who gets it next, which IDs a caller records,
+// and how failures report and release.
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -93,6 +95,70 @@ TEST_F(LocksTest, OnlyTheOwningThreadOrAFailureReleasesTheLocksAndNestedReturnsK
     EXPECT_EQ(strlen(wm.szErrorMsg), 511u);
     // The outer return detaches them.
     EXPECT_TRUE(acc.Return(M_OK) == M_OK && !acc.Queues() && !acc.PRLs());
+}
+
+TEST_F(LocksTest, AWaitingProcessGetsTheLockOnceItsHolderReleasesIt) {
+    for (const char* setting : {"WM_BlockingLock=false\n", "WM_BlockingLock=true\n"}) {
+        SCOPED_TRACE(setting);
+        WriteConfig(setting);
+        CWorkMessages wm;
+        ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+        CWorkMessagesTestAccess acc(wm);
+        int fd[2];
+        ASSERT_EQ(pipe(fd), 0);
+        // The child holds the lock for a moment, then lets it go.
+        const pid_t child = StartChild([&]() -> int {
+            CWorkMessages other;
+            CWorkMessagesTestAccess a(other);
+            a.RecordCaller();
+            const long tid = a.GetControlsLock(1) ? long(a.CallerTID()) : -1L;
+            if (write(fd[1], &tid, sizeof(tid)) != sizeof(tid) || tid < 0) return 1;
+            usleep(300000);
+            a.FreeControlsLock(true);
+            return a.LockOwner() == 0 ? 0 : 2;
+        });
+        long held = -1;
+        ASSERT_EQ(read(fd[0], &held, sizeof(held)), static_cast<ssize_t>(sizeof(held)));
+        close(fd[0]);
+        close(fd[1]);
+        ASSERT_GT(held, 0);
+        acc.RecordCaller();
+        EXPECT_TRUE(acc.GetControlsLock(5)) << wm.szErrorMsg;
+        EXPECT_EQ(acc.LockOwner(), acc.CallerTID());
+        acc.FreeControlsLock(true);
+        EXPECT_EQ(WaitChild(child), 0);
+    }
+}
+
+TEST_F(LocksTest, EveryThreadAndEveryForkedChildRecordsItsOwnIds) {
+    CWorkMessages wm;
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    CWorkMessagesTestAccess acc(wm);
+    ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
+    const pid_t parentTid = acc.CallerTID();
+    EXPECT_TRUE(acc.CallerPID() == getpid() && parentTid == syscall(SYS_gettid));
+    pid_t threadTid = 0;
+    std::thread([&] {
+        acc.RecordCaller();
+        threadTid = acc.CallerTID();
+        EXPECT_EQ(threadTid, syscall(SYS_gettid));
+    }).join();
+    EXPECT_NE(threadTid, parentTid);
+
+    // The child goes on with the object it inherited: it must hold and
+    // release the lock as itself and register under its own process ID.
+    const int rc = RunChild([&]() -> int {
+        if (wm.SetInput(103, "ORDER", nullptr, false) != M_OK) return 1;
+        if (acc.CallerPID() != getpid() || acc.CallerTID() != syscall(SYS_gettid)) return 2;
+        if (SendText(wm, 101, "ORDER", 102) <= 0 || acc.LockOwner() != 0) return 3;
+        if (acc.GetPointers() != M_OK) return 4;
+        const _PRL_CTL_* entry = acc.SearchPRL(103, 1);
+        return entry != nullptr && entry->nPID == getpid() ? 0 : 5;
+    });
+    EXPECT_EQ(rc, 0);
+    acc.RecordCaller();
+    EXPECT_EQ(acc.CallerTID(), parentTid);
+    EXPECT_GT(SendText(wm, 101, "ORDER", 102), 0) << wm.szErrorMsg;
 }
 
 TEST_F(LocksTest, BusyControlsLockTimesOutNamingTheOwnerEvenADeadOne) {

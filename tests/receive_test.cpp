@@ -1,6 +1,7 @@
 // Receiving messages end to end, across processes of one IPC namespace: the
 // order, the type ranges, the retry passes, the buffer rules, the filter and
-// the waits, each outcome checked in the record and in the control file.
+// the waits and their wake-ups, each outcome checked in the record and in the
+// control file.
 #include <unistd.h>
 
 #include <chrono>
@@ -213,6 +214,47 @@ TEST_F(ReceiveTest, TooSmallBufferGivesTheNeededLengthAndTheMessageWaits) {
     ASSERT_EQ(wm.Receive(102, 1, &r, false, nullptr), M_TOOBIG);
     EXPECT_EQ(r.nDepDataLength, 0);
     EXPECT_EQ(FileState(r.nMessageID), WQCF_Pending);
+}
+
+// A child that waits until a receiver sleeps on the wake-up word, then sends
+// one message to 102 with its own setting of WM_WakeReceivers.
+pid_t SendToASleeper(const std::string& config, bool bWake) {
+    return wmtest::StartChild([config, bWake] {
+        const std::string own = config + (bWake ? ".wake" : ".poll");
+        wmtest::WriteFile(own, wmtest::ReadFile(config) + (bWake ? "WM_WakeReceivers=true\n"
+                                                                 : "WM_WakeReceivers=false\n"));
+        setenv("GDDA_CONFIG", own.c_str(), 1);
+        CWorkMessages wm;
+        CWorkMessagesTestAccess acc(wm);
+        const int32_t* waiters = &acc.Controls()->Reserved[kCtlWakeWaiters];
+        for (int i = 0; i < 20000 && __atomic_load_n(waiters, __ATOMIC_SEQ_CST) == 0; ++i)
+            usleep(1000);
+        return SendAll(102, "ORDER", {bWake ? "woken" : "found"});
+    });
+}
+
+TEST_F(ReceiveTest, AWaitingReceiverIsWokenBySendsOfProcessesWithTheKey) {
+    WriteConfig("WM_WakeReceivers=true\n");
+    CWorkMessages wm;
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    CWorkMessagesTestAccess acc(wm);
+    ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
+
+    // A sleep of ten seconds that only a wake-up can end early.
+    pid_t child = SendToASleeper(configFile, true);
+    acc.RecordCaller();
+    EXPECT_LT(acc.WaitStep(10000000, acc.WakeSeq()), 5000000);
+    EXPECT_EQ(wmtest::WaitChild(child), 0);
+    EXPECT_EQ(Next(wm, 102), "woken");
+
+    // Receives that wait: a sender with the key wakes them, one without it
+    // leaves the message to the receiver's next look.
+    for (bool bWake : {true, false}) {
+        child = SendToASleeper(configFile, bWake);
+        EXPECT_EQ(Next(wm, 102, -1, -1, false, nullptr, 20), bWake ? "woken" : "found");
+        EXPECT_EQ(wmtest::WaitChild(child), 0);
+    }
+    EXPECT_EQ(acc.Controls()->Reserved[kCtlWakeWaiters], 0);
 }
 
 TEST_F(ReceiveTest, WaitsAreCountedInStepsAndNeedARegistration) {

@@ -84,6 +84,8 @@ TEST_F(RegistryTest, OneEntryPerProcessAndUnsetInputRemovesOnlyTheGivenProcessEn
 }
 
 TEST_F(RegistryTest, GrowthKeepsEntriesInPlacePeersFollowAndAFailedOneKeepsTheTable) {
+    // The child must inherit no mapping of the table it sees replaced.
+    WriteConfig("WM_KeepAttached=false\n");
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
     ASSERT_EQ(wm.TargetActive(1, -1), M_NOTACT); // the child inherits no attachment

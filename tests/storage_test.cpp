@@ -1,12 +1,14 @@
 // The control table and the data store: what the files hold, how the tables
 // are rebuilt from them (files cut short by a crash included), growth seen
-// from another process, data slot allocation, and damaged or unreadable
-// files, which must fail the construction and stay exactly as they were.
+// from another process, data slot allocation, the bounds that stop scans,
+// streams kept open between calls, and damaged or unreadable files, which
+// must fail the construction and stay exactly as they were.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TestAccess.h"
@@ -285,4 +287,66 @@ TEST_F(StorageTest, FilesThatCannotBeReadAreNeverReplaced) {
     EXPECT_EQ(constructAsNobody("Failed to open Message Queues Data File " + wddfFile), 0);
     EXPECT_EQ(ReadFile(wqcfFile), ctl);
     EXPECT_EQ(ReadFile(wddfFile), data);
+}
+
+TEST_F(StorageTest, ScansStopAtAHighWaterMarkThatEveryWriterKeeps) {
+    // Messages at slots 0 and 300 of a stored table, loaded in place.
+    std::string img = Image(512, 301, {SlotRecord(WQCF_Pending, kFirstID + 1)});
+    const _WQCF_ far = SlotRecord(WQCF_Retry, kFirstID + 300);
+    memcpy(&img[64 * 301], &far, 64);
+    WriteFile(wqcfFile, img);
+    CWorkMessages wm(true);
+    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    CWorkMessagesTestAccess acc(wm);
+    const int32_t* words = acc.Controls()->Reserved;
+    auto marks = [&] { return std::make_pair(words[kCtlSlotHighWater], words[kCtlTopMessageID]); };
+    EXPECT_EQ(marks(), std::make_pair(301, kFirstID + 300)); // rebuilt by the loader
+
+    // A send takes the lowest free slot; clearing the top slot lowers the
+    // mark past every free slot below it, and an empty table has no top ID.
+    const long sent = SendText(wm, 101, "ORDER", 102);
+    EXPECT_EQ(wm.Delete(0, kFirstID + 300), M_OK);
+    EXPECT_EQ(marks(), std::make_pair(2, kFirstID + 300));
+    // A repair that writes a slot above the mark raises it; its clearing
+    // lowers it again.
+    EXPECT_EQ(acc.ModifySlot(40, WQCF_Received, -1, 102, true), M_OK);
+    EXPECT_EQ(marks().first, 41);
+    EXPECT_EQ(acc.DeleteSlot(40), M_OK);
+    __GET_COUNTERS__ENTRY2 states{};
+    ASSERT_EQ(wm.GetCounters(&states), M_OK);
+    EXPECT_TRUE(states.Counter[WQCF_Available] == 510 && states.Counter[WQCF_Pending] == 2);
+    EXPECT_EQ(wm.Delete(0, sent), M_OK);
+    EXPECT_EQ(wm.Delete(0, kFirstID + 1), M_OK);
+    EXPECT_EQ(marks(), std::make_pair(0, 0));
+}
+
+TEST_F(StorageTest, FilesKeptOpenStayOneStreamAndTakeEveryWrite) {
+    for (bool keep : {false, true}) {
+        SCOPED_TRACE(keep ? "WM_KeepFilesOpen=true" : "WM_KeepFilesOpen=false");
+        WriteConfig(keep ? "WM_KeepFilesOpen=true\n" : "WM_KeepFilesOpen=false\n");
+        unlink(wqcfFile.c_str());
+        unlink(wddfFile.c_str());
+        CWorkMessages wm;
+        ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+        CWorkMessagesTestAccess acc(wm);
+        ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
+        const long id = SendText(wm, 101, "ORDER", 102, "kept");
+        FILE* const control = acc.ControlFile();
+        FILE* const data = acc.DataFile();
+        EXPECT_EQ(control != nullptr && data != nullptr, keep);
+        EXPECT_EQ(ImageSlot(ReadFile(wqcfFile), 0).nMessageID, id);
+        EXPECT_EQ(ReadFile(wddfFile).compare(8192, 5, "kept\0", 5), 0);
+
+        char buf[16] = "";
+        WorkMsg r{};
+        r.pDepData = buf;
+        r.nDepDataLength = sizeof(buf);
+        ASSERT_EQ(wm.Receive(102, 1, &r, false, nullptr), M_OK);
+        EXPECT_STREQ(buf, "kept");
+        ASSERT_EQ(wm.Delete(102, id), M_OK);
+        EXPECT_TRUE(acc.ControlFile() == control && acc.DataFile() == data);
+        const std::string ddf = ReadFile(wddfFile);
+        EXPECT_EQ(ImageSlot(ReadFile(wqcfFile), 0).nflag, WQCF_Available);
+        EXPECT_TRUE(!DataSlotMarked(ddf, 0) && DataBlockZero(ddf, 0));
+    }
 }
