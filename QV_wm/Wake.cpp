@@ -30,7 +30,10 @@
 
 namespace {
 // Shared (not process-private) futex calls: the word lies in a segment that
-// each process maps at its own address.
+// each process maps at its own address. The call takes the kernel's native
+// timespec, which is the C library's unless a 32-bit build asks for 64-bit
+// times.
+static_assert(sizeof(struct timespec) == 2 * sizeof(long), "SYS_futex reads a native timespec");
 long Futex(int32_t* pWord, int nOp, int32_t nValue, const struct timespec* pTimeout) {
     return syscall(SYS_futex, pWord, nOp, nValue, pTimeout, nullptr, 0);
 }

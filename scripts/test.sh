@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds every variant and runs every test:
-#   native   x86_64, optimised with debug info
+#   native   x86_64, optimised with debug info, then its tests again with
+#            every opt-in on (QV_WM_TEST_FASTPATH=1)
 #   i386     the 32-bit build (cmake/i386-linux-gnu.cmake); its programs run
 #            natively where the kernel runs i386 code, else through qemu-i386
 #            (QV_WM_EMULATE=1 forces the emulator everywhere)
@@ -26,6 +27,10 @@ variant() {
 }
 
 variant native -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# The native tests again with every opt-in on (WM_FastPath=true in every
+# configuration the tests write): each opt-in keeps every behaviour.
+echo "=== native, every opt-in on (WM_FastPath): tests" >&2
+QV_WM_TEST_FASTPATH=1 ctest --test-dir build-test-native -j"$jobs" --output-on-failure --timeout 300
 # The i386 build also reads and writes files with the native build's tools.
 variant i386 -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/i386-linux-gnu.cmake" \
