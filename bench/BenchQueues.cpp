@@ -34,6 +34,14 @@ const char* KindName(Kind kind) {
         return "QV_wm";
     case Kind::WmKeep:
         return "keep";
+    case Kind::WmFiles:
+        return "files";
+    case Kind::WmWake:
+        return "wake";
+    case Kind::WmLock:
+        return "lock";
+    case Kind::WmFast:
+        return "fast";
     case Kind::Floor:
         return "floor";
     case Kind::Sqlite:
@@ -44,6 +52,10 @@ const char* KindName(Kind kind) {
         return "robust";
     }
     return "?";
+}
+
+bool IsLibrary(Kind kind) {
+    return kind != Kind::Floor && kind != Kind::Sqlite && kind != Kind::Mq;
 }
 
 namespace {
@@ -204,32 +216,29 @@ private:
         shmdt(pRegistry);
         return bOk;
     }
-    // open, 64-byte header write, seek, 64-byte slot write, close.
+    // open, 64-byte header write, 64-byte slot write (both positioned), close.
     bool WriteSlot() {
         const int fd = open(strControl.c_str(), O_RDWR);
         if (fd < 0) return Fail("open control file");
-        const bool bOk = write(fd, header, kSlot) == static_cast<ssize_t>(kSlot) &&
-                         lseek(fd, kSlot, SEEK_SET) == static_cast<off_t>(kSlot) &&
-                         write(fd, pQueues, kSlot) == static_cast<ssize_t>(kSlot);
+        const bool bOk = pwrite(fd, header, kSlot, 0) == static_cast<ssize_t>(kSlot) &&
+                         pwrite(fd, pQueues, kSlot, kSlot) == static_cast<ssize_t>(kSlot);
         close(fd);
         return bOk || Fail("write control file");
     }
-    // open, seek, 8192-byte block write, seek, 8192-byte slot table write, close.
+    // open, 8192-byte block write, 8192-byte slot table write (positioned), close.
     bool WriteData(const char* pBlock) {
         const int fd = open(strData.c_str(), O_RDWR);
         if (fd < 0) return Fail("open data file");
-        const bool bOk = lseek(fd, kMaxData, SEEK_SET) == kMaxData &&
-                         write(fd, pBlock, kMaxData) == kMaxData && lseek(fd, 0, SEEK_SET) == 0 &&
-                         write(fd, table.data(), kMaxData) == kMaxData;
+        const bool bOk = pwrite(fd, pBlock, kMaxData, kMaxData) == kMaxData &&
+                         pwrite(fd, table.data(), kMaxData, 0) == kMaxData;
         close(fd);
         return bOk || Fail("write data file");
     }
-    // open, seek, 8192-byte read, close.
+    // open, positioned 8192-byte read, close.
     bool ReadData() {
         const int fd = open(strData.c_str(), O_RDWR);
         if (fd < 0) return Fail("open data file");
-        const bool bOk = lseek(fd, kMaxData, SEEK_SET) == kMaxData &&
-                         read(fd, buffer.data(), kMaxData) == kMaxData;
+        const bool bOk = pread(fd, buffer.data(), kMaxData, kMaxData) == kMaxData;
         close(fd);
         return bOk || Fail("read data file");
     }
@@ -417,8 +426,7 @@ Sandbox::Sandbox(Kind k, int nDataSize, long nQueued)
     if (!Ok()) return;
     if (kind == Kind::Floor) MakeFloor();
     if (kind == Kind::Sqlite) MakeSqlite(nQueued);
-    if (kind != Kind::Floor && kind != Kind::Sqlite && kind != Kind::Mq && nQueued > 0)
-        PreloadControlFile(nQueued);
+    if (IsLibrary(kind) && nQueued > 0) PreloadControlFile(nQueued);
 }
 
 Sandbox::~Sandbox() {
@@ -453,11 +461,17 @@ void Sandbox::MakeTree() {
         strUIDs += "NAME=R" + std::to_string(i) + ",ID=" + std::to_string(kPairReceiver + i) +
                    ",MSGID=Y,DESC=Pair receiver\n";
     }
-    const std::string strConf =
-        "[Global]\nLevel=Dev\nRoot=" + strRoot +
-        "\n[Dev]\nWM_Timeout_Secs=10\nWM_DBPath=" + strDbDir +
-        "\nWM_KeepAttached=" + (kind == Kind::WmKeep ? "true" : "false") +
-        "\nWM_RecoverDeadOwner=" + (kind == Kind::WmRobust ? "true" : "false") + "\n";
+    // Each library kind turns on its one key (fast: all of them).
+    const char* szSetting = kind == Kind::WmKeep     ? "WM_KeepAttached=true\n"
+                            : kind == Kind::WmFiles  ? "WM_KeepFilesOpen=true\n"
+                            : kind == Kind::WmWake   ? "WM_WakeReceivers=true\n"
+                            : kind == Kind::WmLock   ? "WM_BlockingLock=true\n"
+                            : kind == Kind::WmFast   ? "WM_FastPath=true\n"
+                            : kind == Kind::WmRobust ? "WM_RecoverDeadOwner=true\n"
+                                                     : "";
+    const std::string strConf = "[Global]\nLevel=Dev\nRoot=" + strRoot +
+                                "\n[Dev]\nWM_Timeout_Secs=10\nWM_DBPath=" + strDbDir + "\n" +
+                                szSetting;
     if (!WriteText(strRoot + "/Dev/control/appconf/WorkMsg.ini",
                    "NAME=ORDER,ID=1,DESC=Order\nNAME=OTHER,ID=2,DESC=Other\n") ||
         !WriteText(strRoot + "/Dev/control/appconf/ProcessUID.ini", strUIDs) ||
@@ -555,6 +569,10 @@ std::unique_ptr<BenchQueue> Sandbox::Open(long nSelf, long nTarget, bool bReceiv
     case Kind::Wm:
     case Kind::WmKeep:
     case Kind::WmRobust:
+    case Kind::WmFiles:
+    case Kind::WmWake:
+    case Kind::WmLock:
+    case Kind::WmFast:
         return Checked(std::make_unique<WmQueue>(nSelf, nTarget, bReceiver, nSize), strError);
     case Kind::Floor:
         return Checked(std::make_unique<FloorQueue>(arrFloorIds, strDbDir, nSize), strError);

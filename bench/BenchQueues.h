@@ -6,6 +6,10 @@
 // takes its oldest waiting message and deletes it. The kinds:
 //   QV_wm    this library, default settings (segments detached after each call)
 //   keep     this library with WM_KeepAttached=true
+//   files    this library with WM_KeepFilesOpen=true
+//   wake     this library with WM_WakeReceivers=true
+//   lock     this library with WM_BlockingLock=true
+//   fast     this library with WM_FastPath=true (every opt-in above)
 //   robust   this library with WM_RecoverDeadOwner=true (recovery_bench only)
 //   floor    the system calls the library's operations cannot avoid, without
 //            any library logic (a lower bound, not a queue)
@@ -22,8 +26,10 @@
 
 namespace wmbench {
 
-enum class Kind { Wm, WmKeep, Floor, Sqlite, Mq, WmRobust };
+enum class Kind { Wm, WmKeep, WmFiles, WmWake, WmLock, WmFast, Floor, Sqlite, Mq, WmRobust };
 const char* KindName(Kind kind);
+// True for the kinds that are this library (with one setting or another).
+bool IsLibrary(Kind kind);
 
 // Process UIDs of the workload. Pair i (0 to 3) of the scale test uses
 // kPairSender + i and kPairReceiver + i; queued messages for other targets

@@ -10,6 +10,10 @@
 //            total messages per second
 //   latency  a waiting receiver: from Send to the receiver's return
 //
+// Each with the library's default settings and with each opt-in (see
+// BenchQueues.h). "wm_bench --syscalls KIND SIZE N" runs N round trips of
+// one setting for bench/syscalls.sh, which counts their system calls.
+//
 // Each benchmark runs in its own IPC namespace and temporary directory
 // (Sandbox). Times are taken with the monotonic clock around each call; the
 // hand-offs between processes (pipes) are not counted except in "pairs".
@@ -26,6 +30,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -576,22 +581,33 @@ private:
             << "load average before/after: " << strLoadBefore << " / " << LoadAverage() << "\n"
             << "Microseconds per operation: the mean over the iterations of the fastest of "
             << kRepetitions << " runs.\n"
-            << "QV_wm: default settings; keep: WM_KeepAttached=true; floor: the same system\n"
-               "calls without library logic; ratios: QV_wm (or keep) time / the other time.\n"
-               "mq has no delete step: its round trip is send + receive. 2 procs: each\n"
-               "operation timed in its own process, hand-offs not counted.\n\n";
+            << "QV_wm: default settings; keep: WM_KeepAttached=true; files: WM_KeepFilesOpen;\n"
+               "wake: WM_WakeReceivers; lock: WM_BlockingLock; fast: WM_FastPath (all of them);\n"
+               "floor: the same system calls without library logic; ratios: the library's\n"
+               "time / the other time. mq has no delete step: its round trip is send +\n"
+               "receive. 2 procs: each operation timed in its own process, hand-offs not\n"
+               "counted.\n\n";
 
-        const std::vector<int> w = {10, 5, 5, 7, 7, 7, 6, 6, 7, 6, 6, 6, 6, 6};
-        out << Cols({"operation", "procs", "data", "QV_wm", "keep", "floor", "wm/fl", "kp/fl",
-                     "SQLite", "wm/SQ", "kp/SQ", "mq", "wm/mq", "kp/mq"},
-                    w);
+        const Kind arrLib[] = {Kind::Wm,     Kind::WmKeep, Kind::WmFiles,
+                               Kind::WmWake, Kind::WmLock, Kind::WmFast};
+        std::vector<std::string> head = {"operation", "procs", "data"};
+        for (Kind k : arrLib)
+            head.push_back(KindName(k));
+        for (const char* c : {"floor", "wm/fl", "fs/fl", "SQLite", "fs/SQ", "mq"})
+            head.push_back(c);
+        const std::vector<int> w = {10, 5, 5, 7, 7, 7, 7, 7, 7, 7, 6, 6, 7, 6, 6};
+        out << Cols(head, w);
         const char* arrOps[] = {"send", "receive", "delete", "round trip"};
         for (int nProcs : {1, 2}) {
             for (const char* szOp : arrOps) {
                 for (int nSize : kSizes) {
                     auto name = [&](Kind k) { return OpsName(k, nProcs, nSize); };
+                    std::vector<std::string> row = {szOp, std::to_string(nProcs),
+                                                    std::to_string(nSize)};
+                    for (Kind k : arrLib)
+                        row.push_back(Us(Op(name(k), szOp)));
                     const double wm = Op(name(Kind::Wm), szOp);
-                    const double kp = Op(name(Kind::WmKeep), szOp);
+                    const double fs = Op(name(Kind::WmFast), szOp);
                     const double fl = Op(name(Kind::Floor), szOp);
                     const double sq = Op(name(Kind::Sqlite), szOp);
                     double mq = NAN;
@@ -599,26 +615,27 @@ private:
                         mq = Op(name(Kind::Mq), "send") + Op(name(Kind::Mq), "receive");
                     else if (std::string(szOp) != "delete")
                         mq = Op(name(Kind::Mq), szOp);
-                    out << Cols({szOp, std::to_string(nProcs), std::to_string(nSize), Us(wm),
-                                 Us(kp), Us(fl), Ratio(wm, fl), Ratio(kp, fl), Us(sq),
-                                 Ratio(wm, sq), Ratio(kp, sq), Us(mq), Ratio(wm, mq),
-                                 Ratio(kp, mq)},
-                                w);
+                    for (const std::string& c :
+                         {Us(fl), Ratio(wm, fl), Ratio(fs, fl), Us(sq), Ratio(fs, sq), Us(mq)})
+                        row.push_back(c);
+                    out << Cols(row, w);
                 }
             }
         }
 
         out << "\nQueue depth: messages already queued for other targets (" << kScaleSize
             << " bytes, 1 process), microseconds per operation\n";
-        const std::vector<int> wd = {10, 7, 8, 8, 8, 6, 6};
-        out << Cols({"operation", "queued", "QV_wm", "keep", "SQLite", "wm/SQ", "kp/SQ"}, wd);
+        const std::vector<int> wd = {10, 7, 8, 8, 8, 8, 6, 6};
+        out << Cols({"operation", "queued", "QV_wm", "keep", "fast", "SQLite", "wm/SQ", "fs/SQ"},
+                    wd);
         for (const char* szOp : arrOps) {
             for (long nQueued : kDepths) {
                 const double wm = Op(DepthName(Kind::Wm, nQueued), szOp);
                 const double kp = Op(DepthName(Kind::WmKeep, nQueued), szOp);
+                const double fs = Op(DepthName(Kind::WmFast, nQueued), szOp);
                 const double sq = Op(DepthName(Kind::Sqlite, nQueued), szOp);
-                out << Cols({szOp, std::to_string(nQueued), Us(wm), Us(kp), Us(sq), Ratio(wm, sq),
-                             Ratio(kp, sq)},
+                out << Cols({szOp, std::to_string(nQueued), Us(wm), Us(kp), Us(fs), Us(sq),
+                             Ratio(wm, sq), Ratio(fs, sq)},
                             wd);
             }
         }
@@ -626,38 +643,39 @@ private:
         out << "\nSender/receiver pairs, each process on its own, one message in flight per "
                "pair,\nfastest of "
             << kRepetitions << " runs (" << kScaleSize
-            << " bytes):\ntotal messages per second, and the round trip of one message "
+            << " bytes):\ntotal messages per second, then the round trip of one message "
                "(Send to the\nsender's next turn, two pipe hand-offs included) in "
-               "milliseconds, p99 and\nlongest, worst pair\n";
-        const std::vector<int> wp = {5, 7, 7, 7, 7, 11, 11, 11, 11};
-        out << Cols({"pairs", "QV_wm", "keep", "SQLite", "mq", "QV_wm p99/max", "keep p99/max",
-                     "SQLite", "mq"},
-                    wp);
+               "milliseconds, p99/longest,\nworst pair\n";
+        const Kind arrPairKinds[] = {Kind::Wm,     Kind::WmKeep, Kind::WmLock,
+                                     Kind::WmFast, Kind::Sqlite, Kind::Mq};
+        const std::vector<int> wp = {6, 11, 11, 11, 11, 11, 11};
+        std::vector<std::string> headP = {"pairs"};
+        for (Kind k : arrPairKinds)
+            headP.push_back(KindName(k));
+        out << Cols(headP, wp);
         for (int nPairs : kPairs) {
-            auto rate = [&](Kind k) {
+            std::vector<std::string> rates = {std::to_string(nPairs)};
+            std::vector<std::string> trips = {""};
+            for (Kind k : arrPairKinds) {
                 const double v = Counter(PairsName(k, nPairs), "msgs_per_s");
-                return std::isnan(v) ? std::string("-") : std::to_string(std::lround(v));
-            };
-            auto trip = [&](Kind k) {
+                rates.push_back(std::isnan(v) ? std::string("-") : std::to_string(std::lround(v)));
                 const double p = Counter(PairsName(k, nPairs), "p99");
                 const double m = Counter(PairsName(k, nPairs), "max");
-                if (std::isnan(p) || std::isnan(m)) return std::string("-");
-                char sz[48];
-                snprintf(sz, sizeof(sz), "%.2f/%.1f", p * 1e3, m * 1e3);
-                return std::string(sz);
-            };
-            out << Cols({std::to_string(nPairs), rate(Kind::Wm), rate(Kind::WmKeep),
-                         rate(Kind::Sqlite), rate(Kind::Mq), trip(Kind::Wm), trip(Kind::WmKeep),
-                         trip(Kind::Sqlite), trip(Kind::Mq)},
-                        wp);
+                char sz[48] = "-";
+                if (!std::isnan(p) && !std::isnan(m))
+                    snprintf(sz, sizeof(sz), "%.2f/%.1f", p * 1e3, m * 1e3);
+                trips.push_back(sz);
+            }
+            out << Cols(rates, wp) << Cols(trips, wp);
         }
 
-        out << "\nWaiting receiver: from Send to the receiver's return (milliseconds). The\n"
-               "library's Receive looks every 250 ms while it waits, so its latency is the\n"
-               "time to the next look (uniform over 0 to 250 ms); mq wakes the receiver.\n";
+        out << "\nWaiting receiver: from Send to the receiver's return (milliseconds). By\n"
+               "default Receive looks every 250 ms while it waits, so its latency is the\n"
+               "time to the next look (uniform over 0 to 250 ms); wake and fast are woken\n"
+               "by the Send, as mq is.\n";
         const std::vector<int> wl = {6, 9, 9, 8};
         out << Cols({"", "median", "p99", "samples"}, wl);
-        for (Kind k : {Kind::Wm, Kind::WmKeep, Kind::Mq}) {
+        for (Kind k : {Kind::Wm, Kind::WmKeep, Kind::WmWake, Kind::WmFast, Kind::Mq}) {
             const std::string strName = LatencyName(k);
             auto ms = [&](const char* c) {
                 const double v = Counter(strName, c);
@@ -700,7 +718,8 @@ private:
 };
 
 void RegisterAll() {
-    const Kind arrAll[] = {Kind::Wm, Kind::WmKeep, Kind::Floor, Kind::Sqlite, Kind::Mq};
+    const Kind arrAll[] = {Kind::Wm,     Kind::WmKeep, Kind::WmFiles, Kind::WmWake, Kind::WmLock,
+                           Kind::WmFast, Kind::Floor,  Kind::Sqlite,  Kind::Mq};
     for (int nProcs : {1, 2})
         for (int nSize : kSizes)
             for (Kind k : arrAll) {
@@ -712,31 +731,62 @@ void RegisterAll() {
                 b->UseManualTime()->Unit(benchmark::kMicrosecond)->Repetitions(kRepetitions);
             }
     for (long nQueued : kDepths)
-        for (Kind k : {Kind::Wm, Kind::WmKeep, Kind::Sqlite})
+        for (Kind k : {Kind::Wm, Kind::WmKeep, Kind::WmFast, Kind::Sqlite})
             benchmark::RegisterBenchmark(TableReporter::DepthName(k, nQueued).c_str(), OneProcess,
                                          k, kScaleSize, nQueued)
                 ->UseManualTime()
                 ->Unit(benchmark::kMicrosecond)
                 ->Repetitions(kRepetitions);
     for (int nPairs : kPairs)
-        for (Kind k : {Kind::Wm, Kind::WmKeep, Kind::Sqlite, Kind::Mq})
+        for (Kind k : {Kind::Wm, Kind::WmKeep, Kind::WmLock, Kind::WmFast, Kind::Sqlite, Kind::Mq})
             benchmark::RegisterBenchmark(TableReporter::PairsName(k, nPairs).c_str(), Pairs, k,
                                          nPairs)
                 ->UseManualTime()
                 ->Iterations(1)
                 ->Repetitions(kRepetitions);
-    benchmark::RegisterBenchmark(TableReporter::LatencyName(Kind::Wm).c_str(), Latency, Kind::Wm,
-                                 kWmLatencySamples, 0.25)
-        ->UseManualTime()
-        ->Iterations(1);
-    benchmark::RegisterBenchmark(TableReporter::LatencyName(Kind::WmKeep).c_str(), Latency,
-                                 Kind::WmKeep, kWmLatencySamples, 0.25)
-        ->UseManualTime()
-        ->Iterations(1);
-    benchmark::RegisterBenchmark(TableReporter::LatencyName(Kind::Mq).c_str(), Latency, Kind::Mq,
-                                 kMqLatencySamples, 0.001)
-        ->UseManualTime()
-        ->Iterations(1);
+    // A receiver that looks every 250 ms needs few samples to show it; one
+    // that is woken is measured like mq.
+    const struct {
+        Kind kind;
+        int nSamples;
+        double tMaxDelay;
+    } arrLatency[] = {{Kind::Wm, kWmLatencySamples, 0.25},
+                      {Kind::WmKeep, kWmLatencySamples, 0.25},
+                      {Kind::WmWake, kMqLatencySamples, 0.005},
+                      {Kind::WmFast, kMqLatencySamples, 0.005},
+                      {Kind::Mq, kMqLatencySamples, 0.001}};
+    for (const auto& l : arrLatency)
+        benchmark::RegisterBenchmark(TableReporter::LatencyName(l.kind).c_str(), Latency, l.kind,
+                                     l.nSamples, l.tMaxDelay)
+            ->UseManualTime()
+            ->Iterations(1);
+}
+
+// The round trip of one process, n times, for counting system calls (see
+// bench/syscalls.sh): before each operation a marker that strace shows as
+// write(-1, "<op>", ...), so that every call in between belongs to it.
+int CountSyscalls(const char* szKind, int nSize, int nRounds) {
+    const Kind arrAll[] = {Kind::Wm,     Kind::WmKeep, Kind::WmFiles,
+                           Kind::WmWake, Kind::WmLock, Kind::WmFast};
+    for (Kind k : arrAll) {
+        if (strcmp(szKind, KindName(k)) != 0) continue;
+        Sandbox sb(k, nSize);
+        auto q = sb.Ok() ? sb.Open(kReceiver, kReceiver, true) : nullptr;
+        if (!q) {
+            fprintf(stderr, "wm_bench: %s\n", sb.Error().c_str());
+            return 1;
+        }
+        bool bOk = true;
+        for (int i = 0; bOk && i < nRounds; ++i) {
+            bOk = write(-1, "send", 4) < 0 && q->Send();
+            bOk = bOk && write(-1, "receive", 7) < 0 && q->Receive();
+            bOk = bOk && write(-1, "delete", 6) < 0 && q->Delete();
+        }
+        if (write(-1, "end", 3) < 0 && !bOk) fprintf(stderr, "wm_bench: %s\n", q->Error().c_str());
+        return bOk ? 0 : 1;
+    }
+    fprintf(stderr, "wm_bench: no library setting named %s\n", szKind);
+    return 2;
 }
 
 } // namespace
@@ -749,6 +799,8 @@ int main(int argc, char** argv) {
         perror("wm_bench: unshare(CLONE_NEWIPC) (run as root)");
         return 2;
     }
+    if (argc == 5 && strcmp(argv[1], "--syscalls") == 0)
+        return wmbench::CountSyscalls(argv[2], atoi(argv[3]), atoi(argv[4]));
     // A short minimum time per benchmark keeps the whole run to a few
     // minutes; a --benchmark_min_time given on the command line wins.
     std::vector<char*> args(argv, argv + argc);

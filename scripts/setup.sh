@@ -5,8 +5,8 @@
 # cannot), the JetStream server and C client for the cross-host bridge,
 # CLI11 and nlohmann-json for wmctl, help2man for its manual page,
 # dpkg-dev and lintian for the Debian packages, the Prometheus client's parser
-# (Python) for the metrics test, Google Benchmark and SQLite for the
-# benchmarks, and clang with its runtime (libFuzzer, sanitizers) for fuzzing.
+# (Python) for the metrics test, Google Benchmark, SQLite and strace
+# for the benchmarks, and clang with its runtime (libFuzzer, sanitizers) for fuzzing.
 # Does nothing when all is there already. Needs root (or sudo) only when
 # something is missing.
 set -euo pipefail
@@ -14,7 +14,7 @@ set -euo pipefail
 pkgs=(g++ g++-multilib cmake make pkg-config googletest libinih-dev libinih-dev:i386 qemu-user
       nats-server libnats-dev
       libcli11-dev nlohmann-json3-dev help2man dpkg-dev lintian python3-prometheus-client
-      libbenchmark-dev libsqlite3-dev clang libclang-rt-14-dev)
+      libbenchmark-dev libsqlite3-dev strace clang libclang-rt-14-dev)
 
 missing=()
 for p in "${pkgs[@]}"; do
