@@ -107,8 +107,10 @@ bool MakeHost(Host* h, const std::string& strParent, const std::string& strName,
     Write(strAppconf + "/WMBHosts.ini", "NAME=PROCA,HOST=hostA\nNAME=PROCB,HOST=hostB\n");
     h->strConfig = h->strRoot + "/gdda.conf";
     Write(h->strConfig, "[Global]\nLevel=Dev\nRoot=" + h->strRoot +
-                            "\n[Dev]\nWM_Timeout_Secs=5\nWM_DBPath=" + h->strDb +
-                            "\nWMB_Host=" + strName +
+                            // A bridge killed inside the Controls lock must not
+                            // stop its host: the README asks bridged hosts for it.
+                            "\n[Dev]\nWM_Timeout_Secs=5\nWM_RecoverDeadOwner=true\nWM_DBPath=" +
+                            h->strDb + "\nWMB_Host=" + strName +
                             "\nWMB_Servers=nats://127.0.0.1:" + std::to_string(nPort) + "\n");
     h->nHolder = Spawn([]() {
         if (unshare(CLONE_NEWIPC) != 0) return 3;

@@ -69,7 +69,10 @@ protected:
                 m.pDepData = const_cast<char*>(t.data());
                 m.nDepDataLength = static_cast<long>(t.size());
                 const long rc = wm.Send(kProcA, "ORDER", &m, bHigh);
-                if (rc != M_OK && rc != M_NOTACT) return 1;
+                if (rc != M_OK && rc != M_NOTACT) {
+                    fprintf(stderr, "Send on host A: %ld %s\n", rc, wm.szErrorMsg);
+                    return 1;
+                }
                 if (nPauseUsecs) usleep(nPauseUsecs);
             }
             return 0;
