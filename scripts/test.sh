@@ -21,9 +21,11 @@ variant() {
   cmake --build "build-test-$name" -j"$jobs" >/dev/null
   echo "=== $name: tests" >&2
   ctest --test-dir "build-test-$name" -j"$jobs" --output-on-failure --timeout 300
-  # Tests that were skipped or sized down say why; CTest keeps that in its log.
-  grep -h -E 'skipped under|sized for' "build-test-$name/Testing/Temporary/LastTest.log" \
-    | sort -u | sed "s/^/=== $name: /" >&2 || true
+  # Tests that were skipped or sized down say why; CTest keeps that in its log
+  # (a skip's reason is the line after GoogleTest's "file:line: Skipped").
+  local log="build-test-$name/Testing/Temporary/LastTest.log"
+  { grep -h -A1 ': Skipped$' "$log" | grep -v -e '^--$' -e ': Skipped$'
+    grep -h 'sized for' "$log"; } | sort | uniq -c | sed "s/^ */=== $name: /" >&2 || true
 }
 
 variant native -DCMAKE_BUILD_TYPE=RelWithDebInfo
