@@ -19,24 +19,20 @@ namespace bridgelab {
 
 namespace {
 
-sockaddr_in Loopback(int nPort) {
+// Connects to (bBind false) or binds (true) 127.0.0.1:nPort; the port it got,
+// or -1.
+int Probe(int nPort, bool bBind) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<uint16_t>(nPort));
-    return addr;
-}
-
-bool PortOpen(int nPort) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = Loopback(nPort);
-    const bool bOpen = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    socklen_t len = sizeof(addr);
+    auto* sa = reinterpret_cast<sockaddr*>(&addr);
+    const bool ok = bBind ? bind(fd, sa, len) == 0 && getsockname(fd, sa, &len) == 0
+                          : connect(fd, sa, len) == 0;
     close(fd);
-    return bOpen;
-}
-
-void Write(const std::string& strPath, const std::string& strText) {
-    std::ofstream(strPath, std::ios::trunc) << strText;
+    return ok ? ntohs(addr.sin_port) : -1;
 }
 
 pid_t Spawn(const std::function<int()>& fn) {
@@ -61,29 +57,20 @@ void LogTo(const std::string& strLog, bool bStdout) {
 } // namespace
 
 int UnusedPort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = Loopback(0);
-    socklen_t len = sizeof(addr);
-    int nPort = -1;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-        nPort = ntohs(addr.sin_port);
-    close(fd);
-    return nPort;
+    return Probe(0, true);
 }
 
 pid_t StartServer(const std::string& strDir, int nPort) {
-    const std::string strPort = std::to_string(nPort);
-    const std::string strStore = strDir + "/store";
+    const std::string strPort = std::to_string(nPort), strStore = strDir + "/store";
     pid_t pid = Spawn([&]() {
         LogTo(strDir + "/server.log", true);
         execlp("nats-server", "nats-server", "-js", "-a", "127.0.0.1", "-p", strPort.c_str(), "-sd",
                strStore.c_str(), static_cast<char*>(nullptr));
         return 5;
     });
-    for (int i = 0; i < 1000 && !PortOpen(nPort); ++i)
+    for (int i = 0; i < 1000 && Probe(nPort, false) < 0; ++i)
         usleep(10000);
-    if (!PortOpen(nPort)) KillAndWait(pid);
+    if (Probe(nPort, false) < 0) KillAndWait(pid);
     return pid;
 }
 
@@ -99,34 +86,33 @@ bool MakeHost(Host* h, const std::string& strParent, const std::string& strName,
     h->strName = strName;
     h->strRoot = strParent + "/" + strName;
     h->strDb = h->strRoot + "/Dev/data/msgq";
+    h->strConfig = h->strRoot + "/gdda.conf";
     const std::string strAppconf = h->strRoot + "/Dev/control/appconf";
     for (const std::string& d : {strAppconf, h->strDb, h->strRoot + "/Dev/data/rmsgq"})
         std::filesystem::create_directories(d);
-    Write(strAppconf + "/WorkMsg.ini", szNames);
-    Write(strAppconf + "/ProcessUID.ini", szUIDs);
-    Write(strAppconf + "/WMBHosts.ini", "NAME=PROCA,HOST=hostA\nNAME=PROCB,HOST=hostB\n");
-    h->strConfig = h->strRoot + "/gdda.conf";
-    Write(h->strConfig, "[Global]\nLevel=Dev\nRoot=" + h->strRoot +
-                            // A bridge killed inside the Controls lock must not
-                            // stop its host: the README asks bridged hosts for it.
-                            "\n[Dev]\nWM_Timeout_Secs=5\nWM_RecoverDeadOwner=true\nWM_DBPath=" +
-                            h->strDb + "\nWMB_Host=" + strName +
-                            "\nWMB_Servers=nats://127.0.0.1:" + std::to_string(nPort) + "\n");
-    h->nHolder = Spawn([]() {
-        if (unshare(CLONE_NEWIPC) != 0) return 3;
+    std::ofstream(strAppconf + "/WorkMsg.ini") << szNames;
+    std::ofstream(strAppconf + "/ProcessUID.ini") << szUIDs;
+    std::ofstream(strAppconf + "/WMBHosts.ini") << "NAME=PROCA,HOST=hostA\nNAME=PROCB,HOST=hostB\n";
+    // A bridge killed inside the Controls lock must not stop its host: the
+    // README asks bridged hosts for WM_RecoverDeadOwner.
+    std::ofstream(h->strConfig) << "[Global]\nLevel=Dev\nRoot=" << h->strRoot
+                                << "\n[Dev]\nWM_Timeout_Secs=5\nWM_RecoverDeadOwner=true\n"
+                                << "WM_DBPath=" << h->strDb << "\nWMB_Host=" << strName
+                                << "\nWMB_Servers=nats://127.0.0.1:" << nPort << "\n";
+    // The holder says over a pipe once its namespace is made.
+    int fds[2];
+    if (pipe(fds) != 0) return false;
+    h->nHolder = Spawn([&]() {
+        const char ok = unshare(CLONE_NEWIPC) == 0;
+        if (write(fds[1], &ok, 1) != 1 || !ok) return 3;
         pause();
         return 0;
     });
-    // The namespace is there once /proc shows the holder in another one.
-    const auto own = std::filesystem::read_symlink("/proc/self/ns/ipc");
-    const std::string strNs = "/proc/" + std::to_string(h->nHolder) + "/ns/ipc";
-    for (int i = 0; i < 500; ++i) {
-        std::error_code ec;
-        const auto ns = std::filesystem::read_symlink(strNs, ec);
-        if (!ec && ns != own) return true;
-        usleep(10000);
-    }
-    return false;
+    close(fds[1]);
+    char ok = 0;
+    const bool bMade = read(fds[0], &ok, 1) == 1 && ok;
+    close(fds[0]);
+    return bMade;
 }
 
 pid_t InHost(const Host& h, const std::function<int()>& fn) {
@@ -158,8 +144,7 @@ int Wait(pid_t pid) {
     int status = 0;
     if (waitpid(pid, &status, 0) != pid) return -1;
     if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 } // namespace bridgelab

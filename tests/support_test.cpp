@@ -1,7 +1,7 @@
-// The support library: tokenizer and trimming as the directory loaders use
-// them, the configuration store's parsing and its failure reasons, the file
-// lock against other processes and other opens, the sleep across signals,
-// and the log's one-write entries.
+// The support library as its users rely on it: the tokenizer as the loaders
+// use it (its trimming shows in the directory tests), the configuration
+// store and its failure reasons, the file lock, the sleep across signals,
+// one write per log entry.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -17,48 +17,31 @@
 
 using namespace wmtest;
 
-namespace {
-
-double SecondsSince(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
-// Splits a copy of text into at most maxTokens fields; returns them joined
-// by '|' after the count, e.g. "3:a||b".
-std::string Split(const char* text, long maxTokens) {
-    char line[128];
-    char* tokens[10] = {};
-    snprintf(line, sizeof(line), "%s", text);
-    const long n = GetTokens(line, "=,", tokens, maxTokens, true, false);
-    std::string out = std::to_string(n) + ":";
-    for (long i = 0; i < n && i < 10; ++i)
-        out += (i ? "|" : "") + std::string(tokens[i] ? tokens[i] : "<null>");
-    return n >= 0 && n < 10 && tokens[n] != nullptr ? out + "|<past the count>" : out;
-}
-
-} // namespace
-
-TEST(SupportText, GetTokensCountsEveryFieldAndTrimRemovesTheSet) {
-    EXPECT_EQ(Split("NAME=ORDER,ID=1,DESC=Order", 7), "6:NAME|ORDER|ID|1|DESC|Order");
-    // One field too many is visible below the cap; the cap itself is never
-    // passed, and the last stored field keeps the rest of the line.
-    EXPECT_EQ(Split("a=b,c=d,e=f,g", 7), "7:a|b|c|d|e|f|g");
-    EXPECT_EQ(Split("a,b,c,d,e,f,g,h,i", 7), "7:a|b|c|d|e|f|g,h,i");
-    EXPECT_EQ(Split("a,,b", 9), "3:a||b");
-    EXPECT_EQ(Split("a,b,", 9), "3:a|b|");
-    EXPECT_EQ(Split("", 9), "1:");
-    EXPECT_EQ(Split("a,b", 0), "0:");
-
-    char field[] = " \n my proc \n ", blank[] = "  \n ", desc[] = " \n Process A \r\n", out[16];
-    int len = -1;
-    Trim(field, &len, field, " \n");
-    EXPECT_TRUE(std::string(field) == "my proc" && len == 7) << field << len;
-    Trim(blank, &len, blank, " \n");
-    EXPECT_TRUE(std::string(blank).empty() && len == 0) << blank << len;
-    TrimLeft(desc, &len, desc, " \n");
-    EXPECT_TRUE(std::string(desc) == "Process A \r\n" && len == 12) << desc << len;
-    Trim(out, &len, "\tx\t", " ");
-    EXPECT_STREQ(out, "\tx\t"); // tabs are not in the set
+// The fields GetTokens finds in a copy of text (at most maxTokens), after the
+// count: "3:a||b". The cap is never passed; the last stored field keeps the
+// rest of the line.
+TEST(SupportText, GetTokensCountsEveryFieldUpToTheCap) {
+    const struct {
+        const char* text;
+        long max;
+        const char* fields;
+    } cases[] = {{"NAME=ORDER,ID=1,DESC=Order", 7, "6:NAME|ORDER|ID|1|DESC|Order"},
+                 {"a=b,c=d,e=f,g", 7, "7:a|b|c|d|e|f|g"},
+                 {"a,b,c,d,e,f,g,h,i", 7, "7:a|b|c|d|e|f|g,h,i"},
+                 {"a,,b", 9, "3:a||b"},
+                 {"a,b,", 9, "3:a|b|"},
+                 {"", 9, "1:"},
+                 {"a,b", 0, "0:"}};
+    for (const auto& c : cases) {
+        char line[128];
+        char* tokens[10] = {};
+        snprintf(line, sizeof(line), "%s", c.text);
+        const long n = GetTokens(line, "=,", tokens, c.max, true, false);
+        std::string out = std::to_string(n) + ":";
+        for (long i = 0; i < n && i < 10; ++i)
+            out += (i ? "|" : "") + std::string(tokens[i] ? tokens[i] : "<null>");
+        EXPECT_TRUE(out == c.fields && n >= 0 && n < 10 && tokens[n] == nullptr) << c.text << out;
+    }
 }
 
 TEST(SupportSleep, UsleepResumesAfterSignals) {
@@ -71,16 +54,14 @@ TEST(SupportSleep, UsleepResumesAfterSignals) {
     auto t0 = std::chrono::steady_clock::now();
     errno = 1234;
     Usleep(150000);
-    const double elapsed = SecondsSince(t0);
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - t0;
     EXPECT_EQ(errno, 1234);
     setitimer(ITIMER_REAL, &off, nullptr);
     sigaction(SIGALRM, &old, nullptr);
-    EXPECT_GE(elapsed, 0.145);
+    EXPECT_GE(elapsed.count(), 0.145);
 }
 
-class SupportConfig : public WmTest {};
-
-TEST_F(SupportConfig, ParsesSectionsKeysAndValues) {
+TEST_F(WmTest, SupportConfigParsesSectionsKeysAndValues) {
     WriteFile(configFile, "# comment\n; another\n\n[GLOBAL]\nlevel = dEV\nRoot=/srv/qv\n[dev]\n"
                           "  WM_Trace = Yes\nName = two words  \nColon: c\nInline = v ; note\n"
                           "Semi=a;b\nNeg=-42\nPos=+7\nDup=1\nDup=2\nOff=OFF\nZero=0\n"
@@ -91,7 +72,6 @@ TEST_F(SupportConfig, ParsesSectionsKeysAndValues) {
     char szLevel[10] = "xxxxxxxxx";
     EXPECT_EQ(store.GetSystemLevel(szLevel), CGDDA::Dev);
     EXPECT_STREQ(szLevel, "Dev");
-
     const struct {
         const char* key;
         unsigned char level;
@@ -119,7 +99,6 @@ TEST_F(SupportConfig, ParsesSectionsKeysAndValues) {
     EXPECT_TRUE(store.GetValue("Zero", &b, CGDDA::Dev, true) && !b);
     EXPECT_FALSE(store.GetValue("BadFlag", &b, CGDDA::Dev, true));
     EXPECT_TRUE(Contains(store.szErrorMsg, "maybe")) << store.szErrorMsg;
-
     // A missing key names key and level; a key of another level is missing.
     std::string s;
     EXPECT_FALSE(store.GetValue("WM_DBPath", s, CGDDA::Test, true));
@@ -132,7 +111,10 @@ TEST_F(SupportConfig, ParsesSectionsKeysAndValues) {
     }
 }
 
-TEST_F(SupportConfig, SystemLevelAndLoadFailuresNameTheCause) {
+// Bad levels, and missing (given or through GDDA_CONFIG), unreadable and
+// malformed files, name the cause; a line too long for the parser is
+// reported, never cut silently.
+TEST_F(WmTest, SupportConfigLevelAndLoadFailuresNameTheCause) {
     const struct {
         const char* conf;
         CGDDA::Levels level;
@@ -148,13 +130,9 @@ TEST_F(SupportConfig, SystemLevelAndLoadFailuresNameTheCause) {
         EXPECT_TRUE(!strcmp(szLevel, c.name) && Contains(store.szErrorMsg, c.inError))
             << c.conf << szLevel << store.szErrorMsg;
     }
-
-    // Missing (given or through GDDA_CONFIG), unreadable and malformed files
-    // name the path, the reason or the line; a line longer than the parser
-    // holds is reported, never cut silently.
-    const std::string missing = root + "/nowhere.conf", bad = root + "/bad.conf";
+    const std::string missing = root + "/nowhere.conf", bad = root + "/bad.conf",
+                      longLine = root + "/long.conf";
     WriteFile(bad, "[Global]\nLevel=Dev\n\nthis is no pair\nRoot=/x\n[Dev\n");
-    const std::string longLine = root + "/long.conf";
     WriteFile(longLine, "[Global]\nRoot=/" + std::string(400, 'x') + "\nLevel=Dev\n");
     const std::vector<std::pair<std::string, std::vector<std::string>>> failures = {
         {missing, {missing, strerror(ENOENT)}},
@@ -176,33 +154,24 @@ TEST_F(SupportConfig, SystemLevelAndLoadFailuresNameTheCause) {
     }
 }
 
-class SupportLock : public WmTest {
-protected:
-    void SetUp() override {
-        WmTest::SetUp();
-        path = dbDir + "/WM.lock";
-        WriteFile(path, "");
-    }
-    // FileLock with action 1 (take), 2 (release) or another; 0 when it
-    // succeeds, else the action as it came back (a busy lock's holder PID).
-    static int Lock(FILE* fp, int action) { return FileLock(fp, &action, 4) ? 0 : action; }
-    std::string path;
-};
-
-// Another process holding the lock, named by its PID, is the constructor
-// lock's case in the locks test.
-TEST_F(SupportLock, SecondOpenInThisProcessIsExcludedNamingThisProcess) {
+// A second open in this process is excluded, named by this process's PID
+// (another process's PID is the constructor lock's case in the locks test).
+TEST_F(WmTest, SupportLockExcludesASecondOpenInThisProcess) {
+    const std::string path = dbDir + "/WM.lock";
+    WriteFile(path, "");
+    // Action 1 takes, 2 releases; 0 when it succeeds, else what came back.
+    auto lock = [](FILE* fp, int action) { return FileLock(fp, &action, 4) ? 0 : action; };
     FILE* first = fopen(path.c_str(), "r+");
     FILE* second = fopen(path.c_str(), "r+");
     ASSERT_TRUE(first != nullptr && second != nullptr);
-    ASSERT_EQ(Lock(first, 1), 0);
-    EXPECT_EQ(Lock(second, 1), getpid());
+    ASSERT_EQ(lock(first, 1), 0);
+    EXPECT_EQ(lock(second, 1), getpid());
     fclose(fopen(path.c_str(), "r")); // closing another descriptor of the file keeps the lock
-    EXPECT_EQ(Lock(second, 1), getpid());
-    EXPECT_EQ(Lock(first, 2), 0);
-    EXPECT_EQ(Lock(second, 1), 0);
-    EXPECT_EQ(Lock(first, 1), getpid());
-    EXPECT_EQ(Lock(first, 7), -EINVAL);
+    EXPECT_EQ(lock(second, 1), getpid());
+    EXPECT_EQ(lock(first, 2), 0);
+    EXPECT_EQ(lock(second, 1), 0);
+    EXPECT_EQ(lock(first, 1), getpid());
+    EXPECT_EQ(lock(first, 7), -EINVAL);
     fclose(first);
     fclose(second);
 }
@@ -233,15 +202,15 @@ TEST(SupportLog, EachEntryIsOneWrite) {
     }
     close(sv[0]);
     EXPECT_EQ(WaitChild(pid), 0);
-
     // "YYYY-MM-DD HH:MM:SS.mmm QV_wm[pid]: " heads each entry.
     const std::string head = "QV_wm[" + std::to_string(pid) + "]: ";
+    const size_t body = 24 + head.size();
     for (int i = 0; i < 4; ++i)
         ASSERT_EQ(entries[i].find(head), 24u) << entries[i];
-    EXPECT_EQ(entries[0].substr(24 + head.size()), "first line\nsecond line\n\tthird\n");
-    EXPECT_EQ(entries[1].substr(24 + head.size()), "ends in newline\n");
-    EXPECT_EQ(entries[2].substr(24 + head.size()), longText + "\n");
-    EXPECT_EQ(entries[3].find("Backtrace: ", 24), 24 + head.size()) << entries[3];
+    EXPECT_EQ(entries[0].substr(body), "first line\nsecond line\n\tthird\n");
+    EXPECT_EQ(entries[1].substr(body), "ends in newline\n");
+    EXPECT_EQ(entries[2].substr(body), longText + "\n");
+    EXPECT_EQ(entries[3].find("Backtrace: ", 24), body) << entries[3];
     EXPECT_TRUE(Contains(entries[3], "\n  #0 ")) << entries[3];
     EXPECT_EQ(entries[4], ""); // end of file: no further write
 }

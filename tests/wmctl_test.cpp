@@ -1,18 +1,14 @@
-// wmctl, driven as an operator drives it: the real binary, run in the
-// test's private IPC namespace with the test's configuration, checked by its
-// output and exit code (0 success, 1 failure with the library's text,
-// 2 usage). Each case is a table of command lines run in order, with the
-// exit code and output each must give. A library object of the test process
-// keeps the shared state alive between commands, as the host's own processes
-// do; without it every wmctl run would be the first and the last user of the
-// segments.
+// wmctl as an operator drives it: the real binary in the test's IPC
+// namespace and configuration, each case a table of command lines with the
+// exit code (0 done, 1 the library's failure, 2 usage) and output each must
+// give. A library object of the test process (Hold) keeps the shared state
+// alive between commands, as the host's own processes do.
 #include <glob.h>
+#include <sys/wait.h>
 #include <pthread.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <memory>
 #include <sstream>
 
@@ -27,9 +23,8 @@ struct Outcome {
     std::string out, err;
 };
 
-// One command line of a table, with the parts its output must hold,
-// separated by '|'. Each must be in stdout or stderr; "=text" means stdout
-// is exactly text, "!text" that neither holds text.
+// parts: '|'-separated texts each in stdout or stderr; "=text": stdout is
+// exactly text; "!text": neither holds text.
 struct Step {
     std::string cmd;
     int rc;
@@ -37,17 +32,10 @@ struct Step {
     std::string in = "";
 };
 
-std::vector<std::string> Parts(const std::string& joined) {
-    std::vector<std::string> out;
-    std::istringstream in(joined);
-    for (std::string p; std::getline(in, p, '|');)
-        out.push_back(p);
-    return out;
-}
-
-::testing::AssertionResult Ran(const Outcome& r, int rc, const std::vector<std::string>& parts) {
+::testing::AssertionResult Ran(const Outcome& r, int rc, const std::string& parts) {
     bool ok = r.rc == rc;
-    for (const std::string& p : parts) {
+    std::istringstream in(parts);
+    for (std::string p; std::getline(in, p, '|');) {
         const std::string rest = p.substr(p.empty() ? 0 : 1);
         if (!p.empty() && p[0] == '=')
             ok = ok && r.out == rest;
@@ -62,50 +50,30 @@ std::vector<std::string> Parts(const std::string& joined) {
                                          << r.err;
 }
 
-std::string WmctlPath() {
-    const char* dir = getenv("QV_WM_BINARY_DIR"); // set by CTest; else run from build/tests
-    return std::string(dir ? dir : "..") + "/tools/wmctl";
-}
-
 class WmctlTest : public WmTest {
 protected:
-    // Runs wmctl with the arguments of cmdline (split at blanks); stdin from
-    // `in`; in directory `cwd` when given.
+    // Runs wmctl with the words of cmdline (no shell quoting needed), stdin
+    // from `in`, in cwd if given.
     Outcome Wmctl(const std::string& cmdline, const std::string& in = "",
                   const std::string& cwd = "") {
         const std::string io = root + "/io.";
         WriteFile(io + "in", in);
-        std::vector<std::string> args = {WmctlPath()};
-        if (!Emulator().empty()) args.insert(args.begin(), Emulator());
-        std::istringstream words(cmdline);
-        for (std::string w; words >> w;)
-            args.push_back(w);
-        Outcome r;
-        r.rc = RunChild([&] {
-            if (!freopen((io + "in").c_str(), "r", stdin) ||
-                !freopen((io + "out").c_str(), "w", stdout) ||
-                !freopen((io + "err").c_str(), "w", stderr))
-                return 120;
-            if (!cwd.empty() && chdir(cwd.c_str()) != 0) return 121;
-            std::vector<char*> argv;
-            for (std::string& a : args)
-                argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            return 122;
-        });
-        r.out = ReadFile(io + "out");
-        r.err = ReadFile(io + "err");
+        const char* dir = getenv("QV_WM_BINARY_DIR"); // set by CTest; else run from build/tests
+        const std::string tool = std::string(dir ? dir : "..") + "/tools/wmctl";
+        const int status =
+            system(("cd " + (cwd.empty() ? "." : cwd) + " && " + Emulator() + " " + tool + " " +
+                    cmdline + " <" + io + "in >" + io + "out 2>" + io + "err")
+                       .c_str());
+        Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : 128, ReadFile(io + "out"),
+                  ReadFile(io + "err")};
         // A memory fault in the tool shows here whatever its exit code.
         EXPECT_FALSE(Contains(r.err, "Sanitizer") || Contains(r.err, "runtime error")) << r.err;
         return r;
     }
     void Steps(const std::vector<Step>& steps) {
         for (const Step& s : steps)
-            EXPECT_TRUE(Ran(Wmctl(s.cmd, s.in), s.rc, Parts(s.parts))) << s.cmd;
+            EXPECT_TRUE(Ran(Wmctl(s.cmd, s.in), s.rc, s.parts)) << s.cmd;
     }
-
-    // A library object of the test process keeps the shared state alive.
     bool Hold() {
         holder.reset(new CWorkMessages);
         return holder->nLastError == 0;
@@ -113,15 +81,9 @@ protected:
     std::unique_ptr<CWorkMessages> holder;
 };
 
-double SecondsSince(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
-TEST_F(WmctlTest, UsageErrorsExitTwoAndEveryCommandHasHelp) {
-    for (const char* cmd :
-         {"demo", "send", "recv", "delete", "reject", "retry", "register", "unregister", "deleteby",
-          "count", "status", "metrics", "ipc-clean", "dump", "fsck"})
-        EXPECT_TRUE(Ran(Wmctl(std::string(cmd) + " --help"), 0, {"Usage:"})) << cmd;
+// Usage errors exit 2 with a reason; help (the manual page's source) exits 0.
+TEST_F(WmctlTest, UsageErrorsExitTwoAndHelpZero) {
+    EXPECT_TRUE(Ran(Wmctl("fsck --help"), 0, "Usage:|--repair"));
     for (const std::string& args : std::vector<std::string>{
              "", "frobnicate", "send PROCA PROCB", "send PROCA PROCB ORDER data --file x",
              "delete 0xZZ", "delete 12345678901", "recv PROCB --wait soon",
@@ -135,20 +97,16 @@ TEST_F(WmctlTest, UsageErrorsExitTwoAndEveryCommandHasHelp) {
 
 TEST_F(WmctlTest, SendReceiveDeleteKeepDataExactAndFailWithTheLibrarysText) {
     ASSERT_TRUE(Hold());
-    // Binary data with zero bytes at its end: the received length must be
-    // the sent one, not the zero-padded block.
+    // Zero bytes at the end: the received length is the sent one, not the block's.
     const std::string binary = std::string("\xff\x00\x01 binary", 9) + std::string(20, '\0');
     WriteFile(root + "/in.bin", binary);
     WriteFile(root + "/keep.txt", "keep");
-    // Failures queue nothing: the receives below find exactly three messages.
+    // Failures queue nothing, and a failed receive leaves its output file alone.
     Steps({{"send PROCA PROCX ORDER x", 1, "UID for PROCX was not found|M_NAME"},
            {"send PROCA PROCB BOGUS x", 1, "WorkMsg 'BOGUS' is not valid"},
            {"send PROCA PROCB 99", 1, "no message type has the number 99"},
            {"send PROCA PROCB ORDER -f -", 1, "8193 bytes", std::string(8193, 'x')},
            {"recv NOBODY", 1, "WorkMsg object:"},
-           {"count --by type ORDER BOGUS", 1, "WorkMsg object:"},
-           {"deleteby --sender NOBODY", 1, "WorkMsg object:"},
-           {"register PROCB BOGUS", 1, "WorkMsg object:"},
            {"send PROCA PROCB ORDER hello", 0, "not active|message 0x40000000"},
            {"send PROCA 102 2 -f " + root + "/in.bin", 0},
            {"send PROCA PROCB REPORT -f - --json", 0,
@@ -156,23 +114,17 @@ TEST_F(WmctlTest, SendReceiveDeleteKeepDataExactAndFailWithTheLibrarysText) {
            {"recv PROCB ORDER", 0, "received message 0x40000000: ORDER from PROCA (101)|=hello"},
            {"recv PROCB --out " + root + "/out.bin", 0},
            {"recv PROCB --json", 0,
-            "\"message_id\": 1073741826|\"type_name\": \"REPORT\"|\"sender_name\": "
-            "\"PROCA\"|\"length\": 10|\"data\": \"from stdin\""}});
-    EXPECT_EQ(ReadFile(root + "/out.bin"), binary);
-
-    // Nothing left: the wait is honoured, and a failed receive leaves an
-    // existing output file alone.
-    auto t0 = std::chrono::steady_clock::now();
-    Steps({{"recv PROCB --wait 1 -o " + root + "/keep.txt", 1, "M_TIMEOUT"}});
-    EXPECT_GE(SecondsSince(t0), 0.9);
-    EXPECT_EQ(ReadFile(root + "/keep.txt"), "keep");
-    Steps({{"delete 0x40000000 --as PROCB", 0},
+            "\"type_name\": \"REPORT\"|\"sender_name\": \"PROCA\"|\"data\": \"from stdin\""},
+           {"recv PROCB --wait 1 -o " + root + "/keep.txt", 1, "M_TIMEOUT"},
+           {"delete 0x40000000 --as PROCB", 0},
            {"delete 0x40000000", 1, "Message ID 40000000 not found"},
            {"delete 1073741825", 0},
            {"status --json", 0, "\"registry\": []"}}); // recv registered only while it ran
+    EXPECT_EQ(ReadFile(root + "/out.bin"), binary);
+    EXPECT_EQ(ReadFile(root + "/keep.txt"), "keep");
 }
 
-TEST_F(WmctlTest, ReceiveOrderRangeRetryRejectAndPriority) {
+TEST_F(WmctlTest, ReceiveOrderRangeRetryRejectPriorityAndCounts) {
     ASSERT_TRUE(Hold());
     // The range leaves the high-priority INVOICE and ORDER out; newest first
     // gives ALERT, oldest first the high-priority one, found by its slot's ID.
@@ -180,17 +132,25 @@ TEST_F(WmctlTest, ReceiveOrderRangeRetryRejectAndPriority) {
            {"send PROCA PROCB REPORT REPORT", 0},
            {"send PROCA PROCB ALERT ALERT", 0},
            {"send PROCA PROCB INVOICE urgent --high", 0, "sent message 0x00000003"},
+           {"send PROCB PROCC INVOICE", 0},
+           {"count --by type order 2", 0, "ORDER         1|INVOICE       2"},
+           {"count --by sender PROCB", 0, "PROCB         1"},
            {"recv PROCB --type-range REPORT:", 0, "=REPORT"},
            {"recv PROCB --type-range :1", 0, "=ORDER"},
            {"recv PROCB --lifo", 0, "=ALERT"},
            {"recv PROCB", 0, "=urgent|received message 0x00000003"},
-           // Retry: a plain receive no longer sees it; a retry receive gets
-           // it with the flags.
+           {"count --by type-state --json", 0, "\"received\": 1|\"pending\": 1"},
+           // Retried: only a retry receive sees it, with the flags.
            {"retry 0x00000003 --flags 7 --as PROCB", 0},
            {"recv PROCB --wait 0", 1},
            {"recv PROCB --retry --json", 0, "\"user_flags\": 7"},
            {"recv PROCB --retry", 1, "M_NONE"},
-           {"reject 0x00000003 --as PROCB", 0}});
+           {"reject 0x00000003 --as PROCB", 0},
+           {"reject 0x00000003 --as PROCB", 1, "not found"},
+           {"deleteby --target PROCC --type INVOICE", 0, "deleted 1 message(s)"},
+           {"deleteby --age 1", 0, "deleted 0"},
+           {"deleteby --all", 0, "deleted 3 message(s)"},
+           {"count --json", 0, "\"free\": 512"}});
     // The reject file is named after the process and the type.
     glob_t files{};
     ASSERT_EQ(glob((rejectDir + "/*").c_str(), 0, nullptr, &files), 0);
@@ -198,7 +158,6 @@ TEST_F(WmctlTest, ReceiveOrderRangeRetryRejectAndPriority) {
     EXPECT_TRUE(Contains(files.gl_pathv[0], rejectDir + "/PROCB.INVOICE.")) << files.gl_pathv[0];
     EXPECT_EQ(ReadFile(files.gl_pathv[0]).substr(0, 6), "urgent");
     globfree(&files);
-    Steps({{"reject 0x00000003 --as PROCB", 1, "not found"}});
 }
 
 TEST_F(WmctlTest, RegisterStaysUntilUnregistered) {
@@ -207,37 +166,20 @@ TEST_F(WmctlTest, RegisterStaysUntilUnregistered) {
     ASSERT_TRUE(Hold());
     Steps({{"register PROCB ORDER --lifo", 0},
            {"register PROCB INVOICE", 0},
+           {"register PROCB BOGUS", 1, "WorkMsg object:"},
            {"status --json", 0, "\"type_name\": \"ORDER\"|\"pid_alive\": false|\"lifo\": true"},
            {"send PROCA PROCB ORDER --json", 0, "\"target_active\": true|!warning"},
            {"unregister PROCB ORDER", 0, "removed 1 registration"},
            {"unregister PROCB ORDER", 1, "M_NOTACT"},
-           {"unregister PROCB --pid 1", 1},
            {"unregister PROCB", 0, "removed 1 registration"},
            {"status", 0, "Receivers (0 of 128 entries in use)"}});
 }
 
-TEST_F(WmctlTest, CountAndDeleteBy) {
-    ASSERT_TRUE(Hold());
-    std::vector<Step> steps(3, {"send PROCA PROCB ORDER", 0});
-    steps.resize(5, {"send PROCB PROCC INVOICE", 0});
-    Steps(steps);
-    Steps({{"recv PROCC", 0},
-           {"count --by type order 2", 0, "ORDER         3|INVOICE       2"},
-           {"count --by type-state --json", 0, "\"states\"|\"received\": 1"},
-           {"count --by sender PROCB", 0, "PROCB         2"},
-           {"count --json", 0, "\"pending\": 4|\"free\": 507"},
-           {"deleteby --target PROCC --type INVOICE", 0, "deleted 2 message(s)"},
-           {"deleteby --age 1", 0, "deleted 0"},
-           {"deleteby --all", 0, "deleted 3 message(s)"},
-           {"count", 0, "free           512"}});
-}
-
+// Status and metrics read a lock whose owner died without taking it.
 TEST_F(WmctlTest, StatusNeedsNoLockAndNamesADeadOwner) {
     Steps({{"status", 0, "No Controls segment"}, {"status --json", 0, "\"controls\": null"}});
     ASSERT_TRUE(Hold());
     Steps({{"status", 0, "Controls lock: free|Control slots: 512|!missing"}});
-
-    // A process dies holding the Controls lock.
     ASSERT_EQ(RunChild([] {
                   int id = shmget(CWorkMessages::cstWMctlSHMKey, 0, 0);
                   auto* ctl = static_cast<_SM_Controls_*>(shmat(id, nullptr, 0));
@@ -245,37 +187,31 @@ TEST_F(WmctlTest, StatusNeedsNoLockAndNamesADeadOwner) {
                   return pthread_mutex_lock(&ctl->MutexCtlrs) == 0 ? 0 : 2;
               }),
               0);
-    auto t0 = std::chrono::steady_clock::now();
-    Steps({{"status --json", 0, "\"lock_owner_alive\": false|!\"lock_owner\": 0,"}});
-    EXPECT_LT(SecondsSince(t0), 5.0);
-    Steps({{"status", 0, "which no longer exists"},
+    Steps({{"status --json", 0, "\"lock_owner_alive\": false|!\"lock_owner\": 0,"},
            {"metrics", 0, "qv_wm_controls_lock_held 1|qv_wm_controls_lock_holder_exists 0"},
            {"send PROCA PROCB ORDER", 1, "M_LOCK|failed to acquire the Controls Lock"}});
 }
 
 // The metrics of a known state, read back through the exposition format's
 // own parser (python3-prometheus-client), one "name,label=value value" line
-// per sample. Debian's interpreter, the one that package is installed for.
+// per sample.
 TEST_F(WmctlTest, MetricsParseAndMatchTheState) {
     Steps({{"metrics", 0, "qv_wm_up 0"}});
     ASSERT_TRUE(Hold());
     WriteFile(root + "/in.bin", "\xff\x01\"\n");
-    Steps({{"register PROCC ORDER", 0, ""}, // its process is gone when it returns
-           {"send PROCA PROCB ORDER x", 0, ""},
-           {"send PROCA PROCB ORDER x", 0, ""},
-           {"send PROCA PROCB ORDER x", 0, ""},
-           {"send PROCB PROCC INVOICE -f " + root + "/in.bin", 0, ""},
-           {"recv PROCC INVOICE --json", 0, "\"data\": \"\\u00ff\\u0001\\\"\\n\""},
-           {"metrics -o " + root + "/wm.prom", 0, ""}});
-
-    const std::string script =
-        "import sys\n"
-        "from prometheus_client.parser import text_string_to_metric_families as parse\n"
-        "for f in parse(open(sys.argv[1]).read()):\n"
-        "    for s in f.samples:\n"
-        "        print(s.name + ''.join(',%s=%s' % l for l in sorted(s.labels.items())), "
-        "int(s.value))\n";
-    WriteFile(root + "/parse.py", script);
+    std::vector<Step> steps = {{"register PROCC ORDER", 0}}; // its process is gone when it returns
+    steps.resize(4, {"send PROCA PROCB ORDER x", 0});
+    steps.push_back({"send PROCB PROCC INVOICE -f " + root + "/in.bin", 0});
+    steps.push_back({"recv PROCC INVOICE --json", 0, "\"data\": \"\\u00ff\\u0001\\\"\\n\""});
+    steps.push_back({"metrics -o " + root + "/wm.prom", 0});
+    Steps(steps);
+    WriteFile(root + "/parse.py",
+              "import sys\n"
+              "from prometheus_client.parser import text_string_to_metric_families as parse\n"
+              "for f in parse(open(sys.argv[1]).read()):\n"
+              "    for s in f.samples:\n"
+              "        print(s.name + ''.join(',%s=%s' % l for l in sorted(s.labels.items())), "
+              "int(s.value))\n");
     FILE* p = popen(("/usr/bin/python3 " + root + "/parse.py " + root + "/wm.prom").c_str(), "r");
     ASSERT_NE(p, nullptr);
     std::string parsed = "\n";
@@ -285,10 +221,8 @@ TEST_F(WmctlTest, MetricsParseAndMatchTheState) {
     ASSERT_EQ(pclose(p), 0) << parsed;
     for (const char* sample :
          {"qv_wm_up 1", "qv_wm_messages,state=pending 3", "qv_wm_messages,state=received 1",
-          "qv_wm_messages,state=retry 0", "qv_wm_messages_by_type,type=ORDER,type_id=1 3",
+          "qv_wm_messages_by_type,type=ORDER,type_id=1 3",
           "qv_wm_messages_by_type,type=INVOICE,type_id=2 1",
-          "qv_wm_messages_by_type,type=ALERT,type_id=4 0",
-          "qv_wm_messages_by_target,target=PROCA,target_uid=101 0",
           "qv_wm_messages_by_target,target=PROCB,target_uid=102 3",
           "qv_wm_messages_by_target,target=PROCC,target_uid=103 1", "qv_wm_control_slots 512",
           "qv_wm_control_slots_used 4", "qv_wm_data_slots_used 4", "qv_wm_registry_slots 128",
@@ -301,7 +235,6 @@ TEST_F(WmctlTest, IpcCleanRemovesOnlyUnattachedSegments) {
     Steps({{"ipc-clean", 0, "no segment"}});
     ASSERT_TRUE(Hold());
     Steps({{"ipc-clean", 1, "in use; nothing removed"}});
-    EXPECT_GE(SegmentId(CWorkMessages::cstWMctlSHMKey), 0);
     holder.reset();
     // A process that dies attached leaves all six segments behind.
     ASSERT_EQ(RunChild([] {
@@ -316,6 +249,8 @@ TEST_F(WmctlTest, IpcCleanRemovesOnlyUnattachedSegments) {
         EXPECT_LT(SegmentId(key), 0) << key;
 }
 
+// Damage: a record cut short, a data slot far outside the table, a data file
+// shorter than its table, a header cut short. Nothing is read past the files.
 TEST_F(WmctlTest, DumpDecodesFilesAndReportsDamage) {
     WriteFile(wqcfFile, ControlFileImage(512, 0x40000002,
                                          {SlotRecord(WQCF_Pending, 0x40000000, 0, 5), _WQCF_(),
@@ -328,16 +263,11 @@ TEST_F(WmctlTest, DumpDecodesFilesAndReportsDamage) {
          {"dump --slot 0", 0, "68 65 6c 6c 6f|hello"}, // WM_DBPath
          {"dump " + dbDir + " --slot 9", 0},           // free, inside the table
          {"dump " + dbDir + " --slot 512", 1}});
-
-    // Damage: a record cut short, a data slot far outside the table, a data
-    // file shorter than its table. Nothing is read past the files.
     const std::string cf =
         ControlFileImage(512, 0x40000006, {SlotRecord(WQCF_Pending, 0x40000005, 70000, 9000)});
     WriteFile(wqcfFile, cf + cf.substr(64, 20));
     WriteFile(wddfFile, std::string(100, '\xff'));
-    Steps({{"dump " + dbDir, 0,
-            "ends inside the record of slot 1 (20 of 64 bytes)|shorter than its 8192-byte data "
-            "slot table"},
+    Steps({{"dump " + dbDir, 0, "ends inside the record of slot 1 (20 of 64 bytes)|shorter than"},
            {"dump " + dbDir + " --slot 0", 0, "out of range"}});
     WriteFile(wqcfFile, "short");
     Steps({{"dump " + dbDir + " --json", 0, "ends inside its header (5 of 64 bytes)"}});
@@ -346,17 +276,14 @@ TEST_F(WmctlTest, DumpDecodesFilesAndReportsDamage) {
     Steps({{"dump " + dbDir, 1}, {"dump " + root + "/nowhere", 1}});
 }
 
+// One pending message in data slot 0; data slot 5 marked in use, unreferenced.
 TEST_F(WmctlTest, FsckRepairsALeakedDataSlot) {
-    // One pending message in data slot 0; data slot 5 is marked in use with
-    // data that no message refers to.
     WriteFile(wqcfFile,
               ControlFileImage(512, 0x40000001, {SlotRecord(WQCF_Pending, 0x40000000, 0, 5)}));
     WriteFile(wddfFile, DataFileImage({{0, "hello"}, {5, "leaked"}}));
     Steps({{"fsck " + dbDir, 1,
             "data slot 5 is marked in use but no message refers to it|!data slot 0 is marked"},
-           {"fsck " + dbDir + " --json", 1,
-            "\"kind\": \"leaked-data-slot\"|\"found\": 1|\"clean\": false"}});
-
+           {"fsck " + dbDir + " --json", 1, "\"kind\": \"leaked-data-slot\"|\"clean\": false"}});
     // Refused while a process is attached; nothing changes.
     const std::string dataBefore = ReadFile(wddfFile);
     ASSERT_TRUE(Hold());
@@ -364,17 +291,16 @@ TEST_F(WmctlTest, FsckRepairsALeakedDataSlot) {
     EXPECT_TRUE(ReadFile(wddfFile) == dataBefore);
     holder.reset();
     const std::string controlBefore = ReadFile(wqcfFile);
-
     Steps({{"fsck " + dbDir + " --repair", 0, "-- repaired"}});
     const std::string data = ReadFile(wddfFile);
-    EXPECT_TRUE(DataSlotMarked(data, 0) && !DataSlotMarked(data, 5));
+    EXPECT_TRUE(DataSlotMarked(data, 0) && !DataSlotMarked(data, 5) && DataBlockZero(data, 5));
     EXPECT_EQ(data.substr(8192, 5), "hello");
-    EXPECT_TRUE(DataBlockZero(data, 5));
     EXPECT_TRUE(ReadFile(wqcfFile) == controlBefore);
-    // The library still delivers the message with its data.
     Steps({{"fsck", 0, "fsck " + dbDir + ":|clean"}, {"recv PROCB", 0, "=hello"}}); // WM_DBPath
 }
 
+// Everything but the duplicate IDs and the shared data slot is repaired, so
+// the exit stays 1.
 TEST_F(WmctlTest, FsckFindsImpossibleSlotsDuplicatesAndABadHeader) {
     _WQCF_ dirtyFree = _WQCF_();
     dirtyFree.nTimeRetry = 5;
@@ -390,53 +316,45 @@ TEST_F(WmctlTest, FsckFindsImpossibleSlotsDuplicatesAndABadHeader) {
          {"impossible-slot", "duplicate-id", "unmarked-data-slot", "leaked-data-slot",
           "dirty-free-slot", "slot-count", "message-counter", "shared-data-slot"})
         kinds += std::string("|\"kind\": \"") + kind + "\"";
-    // Everything but the duplicate IDs and the shared data slot is
-    // repaired, so the exit stays 1.
     Steps({{"fsck " + dbDir + " --json", 1, kinds},
            {"fsck " + dbDir + " --repair", 1, "not repairable by fsck"}});
     const std::string control = ReadFile(wqcfFile), data = ReadFile(wddfFile);
     EXPECT_EQ(ImageHeader(control).nEntriesAllocated, 512);
     EXPECT_EQ(ImageHeader(control).nCurrentMsgID, 0x4000000A);
-    EXPECT_EQ(control.substr(64, 64), std::string(64, '\0'));     // impossible slot
-    EXPECT_EQ(control.substr(64 * 5, 64), std::string(64, '\0')); // dirty free slot
-    EXPECT_EQ(ImageSlot(control, 1).nflag, WQCF_Pending);         // kept
-    EXPECT_FALSE(DataSlotMarked(data, 3));                        // its data leaked
-    EXPECT_TRUE(DataSlotMarked(data, 7));                         // referenced: marked
+    EXPECT_EQ(control.substr(64, 64), std::string(64, '\0'));         // impossible slot
+    EXPECT_EQ(control.substr(64 * 5, 64), std::string(64, '\0'));     // dirty free slot
+    EXPECT_EQ(ImageSlot(control, 1).nflag, WQCF_Pending);             // kept
+    EXPECT_TRUE(!DataSlotMarked(data, 3) && DataSlotMarked(data, 7)); // leaked; referenced
     Steps({{"fsck " + dbDir, 1,
             "2 problem(s)|message ID 0x40000004 is held by control slots 1, 2"
             "|data slot 7 is referred to by control slots 3, 5"}});
 }
 
+// Each file the loader refuses (the storage tests show it does, naming fsck)
+// loads after a repair.
 TEST_F(WmctlTest, FsckRepairMendsEveryRecordTheLoaderSendsItTo) {
     const int32_t first = 0x40000000, next = first + 9;
-    const std::string records[] = {
-        ControlFileImage(-1, next),
-        ControlFileImage(0x7FFFFFFF, next),
-        ControlFileImage(512, next, {SlotRecord(9, first)}),
-        ControlFileImage(512, next, {SlotRecord(WQCF_Pending, 0)}),
-        ControlFileImage(512, next, {SlotRecord(WQCF_Pending, first, 65536)}),
-        ControlFileImage(512, next, {SlotRecord(WQCF_Retry, first, 0, 8193)}),
-        ControlFileImage(100, next, {SlotRecord(WQCF_Pending, first)}, 512, 300),
-    };
-    for (const std::string& img : records) {
+    for (const std::string& img : {
+             ControlFileImage(-1, next),
+             ControlFileImage(0x7FFFFFFF, next),
+             ControlFileImage(512, next, {SlotRecord(9, first)}),
+             ControlFileImage(512, next, {SlotRecord(WQCF_Pending, 0)}),
+             ControlFileImage(512, next, {SlotRecord(WQCF_Pending, first, 65536)}),
+             ControlFileImage(512, next, {SlotRecord(WQCF_Retry, first, 0, 8193)}),
+             ControlFileImage(100, next, {SlotRecord(WQCF_Pending, first)}, 512, 300),
+         }) {
         WriteFile(wqcfFile, img);
         unlink(wddfFile.c_str());
-        {
-            CWorkMessages wm;
-            EXPECT_TRUE(wm.nLastError == M_CTLFILE &&
-                        Contains(wm.szErrorMsg, "wmctl fsck --repair"))
-                << wm.szErrorMsg;
-        }
         Steps({{"fsck --repair", 0, "-- repaired"}});
         CWorkMessages wm;
         EXPECT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     }
 }
 
+// With no root, under the current directory, with the default database path.
 TEST_F(WmctlTest, DemoRunsInItsOwnRoot) {
-    // With no root, under the current directory.
     EXPECT_TRUE(Ran(Wmctl("demo", "", root), 0,
-                    {"note: GDDA_CONFIG", "private root " + root + "/demo-root", "demo OK"}));
+                    "note: GDDA_CONFIG|private root " + root + "/demo-root|demo OK"));
     EXPECT_TRUE(FileExists(root + "/demo-root/Dev/data/msgq/WQCF.bdb"));
     EXPECT_FALSE(FileExists(wqcfFile)); // the test's own files were not touched
     Steps({{"demo " + root + "/other", 0, "demo OK"}});
