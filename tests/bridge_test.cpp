@@ -23,16 +23,18 @@ int Fail(const std::string& strWhy) { // in a child: says why, exits 1
     return 1;
 }
 
+// A program of this build; "" when it is not built or CTest did not say where.
 std::string Tool(const char* szName) {
     const char* dir = getenv("QV_WM_BINARY_DIR");
-    return std::string(dir ? dir : "") + "/tools/" + szName;
+    const std::string path = std::string(dir ? dir : "") + "/tools/" + szName;
+    return dir && access(path.c_str(), X_OK) == 0 ? path : "";
 }
 
 class BridgeTest : public WmTest {
 protected:
     void SetUp() override {
         WmTest::SetUp();
-        if (getenv("QV_WM_BINARY_DIR") == nullptr || access(Tool("wmbridge").c_str(), X_OK) != 0)
+        if (Tool("wmbridge").empty())
             GTEST_SKIP() << "wmbridge is not built (QV_WM_BINARY_DIR unset or no libnats)";
         if (system("command -v nats-server > /dev/null") != 0)
             GTEST_SKIP() << "nats-server is not installed (scripts/setup.sh installs it)";
@@ -176,8 +178,7 @@ TEST_F(BridgeTest, KillsOfBridgesAndServerLoseNothing) {
 // A configuration the bridge cannot work with stops it at once, with a text
 // that names what to mend; no server is needed to find out.
 TEST_F(WmTest, BridgeRefusesAConfigurationItCannotUse) {
-    if (getenv("QV_WM_BINARY_DIR") == nullptr || access(Tool("wmbridge").c_str(), X_OK) != 0)
-        GTEST_SKIP();
+    if (Tool("wmbridge").empty()) GTEST_SKIP();
     const std::string strServers = "WMB_Servers=nats://127.0.0.1:1\n", strOut = root + "/out";
     const struct {
         std::string strDev, strHostsFile, strExpected;
