@@ -22,36 +22,29 @@ int CountSegments() {
     return n;
 }
 
-bool Has(const char* text, const std::string& part) {
-    return std::string(text).find(part) != std::string::npos;
-}
-
 class ConstructTest : public WmTest {};
 
 TEST_F(ConstructTest, FirstConstructorCreatesLaterAttachesLastRemoves) {
     StderrCapture cap;
     WriteConfig("WM_Trace=true\n");
     auto* first = new CWorkMessages;
-    const std::string log = cap.Stop();
+    EXPECT_TRUE(Contains(cap.Stop(), "First constructor. Queues handle: "));
     ASSERT_EQ(first->nLastError, 0) << first->szErrorMsg;
-    for (const char* table : {"Names Table", "Queues", "PRLs", "SAT", "Unique IDs"})
-        EXPECT_NE(log.find(std::string("First constructor. ") + table + " handle: "),
-                  std::string::npos)
-            << table;
-    // Names: four types of 48 bytes; Queues: 512 slots; Unique IDs: three
-    // processes; PRLs: 128 entries; SAT: 8192 bytes.
+    // Names: four types of 48 bytes; Queues: 512 slots; PRLs: 128 entries;
+    // Unique IDs: three processes; SAT: 8192 bytes.
     const size_t sizes[] = {4 * 48, 512 * 64, sizeof(_SM_Controls_), 128 * 32, 3 * 48, 8192};
     for (int i = 0; i < 6; ++i) {
         size_t size = 0;
         EXPECT_TRUE(SegmentInfo(kKeys[i], &size, nullptr) && size == sizes[i]) << kKeys[i];
     }
-    const pSMControls ctl = CWorkMessagesTestAccess(*first).Controls();
-    EXPECT_TRUE(ctl->nMsgCounter == 0x40000000 && ctl->nQNameCount == 4 && ctl->nUIDsCount == 3);
-    EXPECT_TRUE(ctl->nQSlotCount == 512 && ctl->nPRLSlotCount == 128);
-    EXPECT_EQ(CWorkMessagesTestAccess(*first).LockOwner(), 0); // no lock left held
+    CWorkMessagesTestAccess acc(*first);
+    const pSMControls ctl = acc.Controls();
+    EXPECT_TRUE(ctl->nMsgCounter == 0x40000000 && ctl->nQNameCount == 4 && ctl->nUIDsCount == 3 &&
+                ctl->nQSlotCount == 512 && ctl->nPRLSlotCount == 128);
+    EXPECT_EQ(acc.LockOwner(), 0); // no lock left held
 
-    // A later constructor only attaches: it logs the "Nth constructor." lines
-    // and loads no file (a broken names file now does not matter).
+    // A later constructor only attaches and loads no file (a broken names
+    // file now does not matter).
     WriteFile(namesFile, "garbage\n");
     {
         StderrCapture c;
@@ -59,8 +52,9 @@ TEST_F(ConstructTest, FirstConstructorCreatesLaterAttachesLastRemoves) {
         const std::string out = c.Stop();
         long nattch = 0;
         EXPECT_TRUE(second.nLastError == 0 && SegmentInfo(1050, nullptr, &nattch) && nattch == 2);
-        EXPECT_NE(out.find("Nth constructor. Queues handle: "), std::string::npos) << out;
-        EXPECT_EQ(out.find("First constructor"), std::string::npos);
+        EXPECT_TRUE(Contains(out, "Nth constructor. Queues handle: ") &&
+                    !Contains(out, "First constructor"))
+            << out;
     }
     EXPECT_EQ(CountSegments(), 6); // the second object went; the first holds them
     delete first;
@@ -76,44 +70,52 @@ TEST_F(ConstructTest, LeftoversAreRebuiltButAnotherBuildsSegmentInUseIsRefused) 
     ASSERT_TRUE(id >= 0 && p != reinterpret_cast<void*>(-1));
     {
         CWorkMessages wm;
-        EXPECT_EQ(wm.nLastError, M_SHMERR);
-        EXPECT_TRUE(Has(wm.szErrorMsg, "cannot share")) << wm.szErrorMsg;
+        EXPECT_TRUE(wm.nLastError == M_SHMERR && Contains(wm.szErrorMsg, "cannot share"))
+            << wm.szErrorMsg;
     }
     // With no attachment left it is a leftover, like the segments of a process
-    // that dies without destroying its object: removed and rebuilt.
+    // that dies without destroying its object: removed and rebuilt, and the
+    // directory files are read again.
     shmdt(p);
     ASSERT_EQ(RunChild([] { return (new CWorkMessages)->nLastError == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(CountSegments(), 6);
     const int oldQueues = SegmentId(1049);
-    // Change a directory file: only a first constructor reads it.
     WriteFile(namesFile, std::string(kDefaultNames) + "NAME=EXTRA,ID=9,DESC=Extra\n");
     CWorkMessages wm;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
-    EXPECT_EQ(CWorkMessagesTestAccess(wm).Controls()->nQNameCount, 5);
     EXPECT_EQ(wm.Translate("EXTRA"), 9);
     EXPECT_NE(SegmentId(1049), oldQueues);
 }
 
-TEST_F(ConstructTest, ConfigurationFailuresAreReportedWithTheStoreReason) {
+TEST_F(ConstructTest, FailedConstructionNamesItsCauseAndLeavesNoSegments) {
+    const std::string names = kDefaultNames, uids = kDefaultUIDs;
     const struct {
-        std::string conf; // "": no configuration file
-        std::string expect;
+        const char* conf; // nullptr: the fixture's; "": no configuration file
+        std::string names, uids;
+        long code;
+        std::string text;
     } cases[] = {
-        {"", "WorkMsg object: GDDA object initialization failed.\n Reason: "},
-        {"[Global]\nLevel=Dev\n", "WorkMsg object: "},
-        {"[Global]\nRoot=/tmp\nLevel=Nowhere\n",
-         "WorkMsg object: Failed to get system level.\nReason: "},
+        {"", names, uids, M_SYSERR, configFile},
+        {"[Global]\nLevel=Dev\n", names, uids, M_SYSERR, "Root"},
+        {"[Global]\nRoot=/tmp\nLevel=Nowhere\n", names, uids, M_SYSERR, "system level"},
+        {nullptr, "", uids, M_CTLFILE, "is empty!"},
+        // The process-UID file cannot be loaded: M_NAME whatever the loader said.
+        {nullptr, names, "NAME=X,ID=1\n", M_NAME, ""},
+        // Comments only: no row, and the Names Table cannot have 0 bytes.
+        {nullptr, "# nothing\n", uids, M_SHMERR, "create handle for shared-memory Names Table"},
     };
     for (const auto& c : cases) {
-        if (c.conf.empty())
-            unlink(configFile.c_str());
-        else
-            WriteFile(configFile, c.conf);
-        CWorkMessages wm;
-        EXPECT_EQ(wm.nLastError, M_SYSERR) << c.conf;
-        EXPECT_EQ(std::string(wm.szErrorMsg).rfind(c.expect, 0), 0u) << wm.szErrorMsg;
-        EXPECT_TRUE(c.conf != "" || Has(wm.szErrorMsg, configFile)) << "the missing file is named";
-        EXPECT_EQ(CountSegments(), 0);
+        WriteConfig();
+        if (c.conf && *c.conf) WriteFile(configFile, c.conf);
+        if (c.conf && !*c.conf) unlink(configFile.c_str());
+        WriteFile(namesFile, c.names);
+        WriteFile(uidsFile, c.uids);
+        {
+            CWorkMessages wm;
+            EXPECT_TRUE(wm.nLastError == c.code && Contains(wm.szErrorMsg, c.text))
+                << c.code << " " << wm.szErrorMsg;
+        }
+        EXPECT_EQ(CountSegments(), 0) << c.text;
     }
 }
 
@@ -130,34 +132,6 @@ TEST_F(ConstructTest, DefaultsApplyWhenKeysAreMissing) {
     struct stat st; // ownership can be given only as root
     EXPECT_TRUE(getuid() != 0 || (stat(wqcfFile.c_str(), &st) == 0 && st.st_uid == 507u &&
                                   st.st_gid == 504u && (st.st_mode & 0777) == 0664u));
-}
-
-TEST_F(ConstructTest, FailedFirstConstructionLeavesANegativeCodeAndNoSegments) {
-    const struct {
-        const char* names;
-        const char* uids;
-        long code;
-        const char* text;
-    } cases[] = {
-        {"", kDefaultUIDs, M_CTLFILE, "is empty!"},
-        // The process-UID file cannot be loaded: M_NAME whatever the loader said.
-        {kDefaultNames, "NAME=X,ID=1\n", M_NAME, ""},
-        // Comments only: no row, and the Names Table cannot have 0 bytes.
-        {"# nothing\n", kDefaultUIDs, M_SHMERR,
-         "Failed to get create handle for shared-memory Names Table"},
-    };
-    for (const auto& c : cases) {
-        WriteFile(namesFile, c.names);
-        WriteFile(uidsFile, c.uids);
-        {
-            CWorkMessages wm;
-            EXPECT_EQ(wm.nLastError, c.code) << c.text;
-            EXPECT_TRUE(Has(wm.szErrorMsg, c.text)) << wm.szErrorMsg;
-            // Operations refuse to work on a failed object: its tables are missing.
-            EXPECT_EQ(wm.TargetActive(101, -1), M_SHMERR);
-        }
-        EXPECT_EQ(CountSegments(), 0) << c.text;
-    }
 }
 
 } // namespace

@@ -18,7 +18,7 @@ namespace {
 
 class RegistryTest : public wmtest::WmTest {};
 
-const long kOrder = 1, kInvoice = 2, kReport = 3;
+const long kOrder = 1, kReport = 3;
 const int kPRLKey = CWorkMessages::cstWMPRListSHMKey;
 const WMCallback CallbackA = [](long n) { return n; };
 const WMCallback CallbackB = [](long n) { return n + 1; };
@@ -42,9 +42,8 @@ std::vector<_PRL_CTL_> Entries(CWorkMessages& wm) {
     return std::vector<_PRL_CTL_>(acc.PRLs(), acc.PRLs() + acc.Controls()->nPRLSlotCount);
 }
 
-void Fill(CWorkMessages& wm, long fromUid, long toUid) {
-    for (long uid = fromUid; uid < toUid; ++uid)
-        ASSERT_EQ(wm.SetInput(uid, "ORDER", nullptr, false), M_OK);
+bool Same(const std::vector<_PRL_CTL_>& a, const std::vector<_PRL_CTL_>& b) {
+    return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(_PRL_CTL_)) == 0;
 }
 
 bool SetShmMax(const char* value) {
@@ -61,16 +60,13 @@ TEST_F(RegistryTest, OneEntryPerProcessAndUnsetInputRemovesOnlyTheGivenProcessEn
     ASSERT_EQ(wm.SetInput(201, "REPORT", nullptr, false), M_OK);
     ASSERT_EQ(RegisterInChild({{201, "ORDER"}, {201, "INVOICE"}, {202, "ORDER"}}), 0);
     const std::vector<_PRL_CTL_> e = Entries(wm);
-    EXPECT_TRUE(e[0].nUID == 201 && e[0].nPID == getpid() && e[0].nMsgNo == kOrder);
-    EXPECT_TRUE(e[0].GetCallback() == CallbackA && e[0].bUseLIFO == 1);
-    EXPECT_EQ(e[1].nMsgNo, kReport);
-    EXPECT_TRUE(e[2].nUID == 201 && e[2].nPID != getpid() && e[2].nMsgNo == kOrder);
-    EXPECT_EQ(e[5].nUID, 0);
+    EXPECT_TRUE(e[0].nUID == 201 && e[0].nPID == getpid() && e[0].nMsgNo == kOrder &&
+                e[0].GetCallback() == CallbackA && e[0].bUseLIFO == 1 && e[1].nMsgNo == kReport);
+    EXPECT_TRUE(e[2].nUID == 201 && e[2].nPID != getpid() && e[5].nUID == 0);
 
     const pid_t nOther = e[4].nPID;                        // the child's entries outlive it
     EXPECT_EQ(wm.UnsetInput(201, "INVOICE", 0), M_NOTACT); // not this process's entry
     EXPECT_EQ(wm.UnsetInput(201, "INVOICE", nOther), M_OK);
-    EXPECT_EQ(wm.UnsetInput(201, "allq", nOther), M_NAME); // the keyword is case-sensitive
     EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK);
     EXPECT_EQ(wm.UnsetInput(201, "ALLQ", nOther), M_OK); // none left
     EXPECT_EQ(acc.KnownRequest(201, kOrder, nOther), M_NOTACT);
@@ -78,7 +74,7 @@ TEST_F(RegistryTest, OneEntryPerProcessAndUnsetInputRemovesOnlyTheGivenProcessEn
     EXPECT_EQ(wm.TargetActive(202, -1), M_OK); // an ended process still counts
     EXPECT_EQ(wm.UnsetInput(201, "ALLQ", 0), M_OK);
     EXPECT_EQ(wm.TargetActive(201, -1), M_NOTACT);
-    EXPECT_EQ(wm.TargetActive(202, kInvoice), M_NOTACT);
+    EXPECT_EQ(wm.TargetActive(202, 2), M_NOTACT);
     ASSERT_EQ(wm.SetInput(203, "ALERT", nullptr, false), M_OK);
     EXPECT_EQ(Entries(wm)[0].nUID, 203) << "the lowest free entry is reused";
 }
@@ -103,33 +99,32 @@ TEST_F(RegistryTest, GrowthKeepsEntriesInPlacePeersFollowAndAFailedOneKeepsTheTa
     });
     char c = 0;
     ASSERT_EQ(read(ready[0], &c, 1), 1);
-    Fill(wm, 1000, 1128);
+    for (long uid = 1000; uid < 1128; ++uid)
+        ASSERT_EQ(wm.SetInput(uid, "ORDER", nullptr, false), M_OK);
     std::vector<_PRL_CTL_> before = Entries(wm);
     ASSERT_EQ(wm.SetInput(1128, "ORDER", nullptr, false), M_OK) << wm.szErrorMsg;
     ASSERT_EQ(write(grown[1], &c, 1), 1);
     EXPECT_EQ(wmtest::WaitChild(child), 0);
     std::vector<_PRL_CTL_> after = Entries(wm);
-    before.resize(160, _PRL_CTL_{});
     ASSERT_EQ(after.size(), 160u);
     EXPECT_EQ(after[128].nUID, 1128);
     after[128] = _PRL_CTL_{};
-    EXPECT_EQ(memcmp(after.data(), before.data(), 160 * sizeof(_PRL_CTL_)), 0);
+    before.resize(160, _PRL_CTL_{});
+    EXPECT_TRUE(Same(after, before));
 
-    // Growing to 192 entries is refused; the 160-entry table can be made again.
-    Fill(wm, 1129, 1160);
+    // Growing to 192 entries is refused and the table stays; when not even
+    // the 160-entry table can be made, later calls report the loss.
+    for (long uid = 1129; uid < 1160; ++uid)
+        ASSERT_EQ(wm.SetInput(uid, "ORDER", nullptr, false), M_OK);
     const std::vector<_PRL_CTL_> full = Entries(wm);
     std::string strShmMax;
     std::getline(std::ifstream("/proc/sys/kernel/shmmax"), strShmMax);
     if (!SetShmMax("5120")) GTEST_SKIP() << "segment sizes cannot be limited here";
     const auto restore = qvwm::OnScopeExit([&] { SetShmMax(strShmMax.c_str()); });
     EXPECT_EQ(wm.SetInput(1160, "ORDER", CallbackA, false), M_SHMERR);
-    EXPECT_NE(strstr(wm.szErrorMsg, "Failed to get create handle for shared-memory PRLs"), nullptr);
+    EXPECT_TRUE(wmtest::Contains(wm.szErrorMsg, "create handle for shared-memory PRLs"));
     EXPECT_TRUE(acc.LockOwner() == 0 && acc.CallbackCount() == 0);
-    EXPECT_EQ(acc.Controls()->nPRListHandle, wmtest::SegmentId(kPRLKey));
-    const std::vector<_PRL_CTL_> kept = Entries(wm);
-    ASSERT_EQ(kept.size(), 160u);
-    EXPECT_EQ(memcmp(kept.data(), full.data(), 160 * sizeof(_PRL_CTL_)), 0);
-    // Nothing can be made: later calls report the loss.
+    EXPECT_TRUE(Same(Entries(wm), full));
     ASSERT_TRUE(SetShmMax("5119"));
     EXPECT_EQ(wm.SetInput(1160, "ORDER", nullptr, false), M_SHMERR);
     EXPECT_EQ(wm.TargetActive(1000, kOrder), M_SHMERR);
@@ -139,9 +134,6 @@ TEST_F(RegistryTest, GrowthKeepsEntriesInPlacePeersFollowAndAFailedOneKeepsTheTa
 TEST_F(RegistryTest, CallbackCountFollowsThisProcesssRegistrationsAndBadInputChangesNothing) {
     CWorkMessages wm, wm2;
     CWorkMessagesTestAccess acc(wm), acc2(wm2);
-    EXPECT_EQ(wm.SetInput(101, "NOSUCH", CallbackA, false), M_NAME);
-    EXPECT_EQ(wm.SetInput(101, nullptr, CallbackA, false), M_NAME);
-    EXPECT_EQ(wm.UnsetInput(101, nullptr, 0), M_NAME);
     EXPECT_EQ(wm.SetInput(0, "ORDER", CallbackA, true), M_OK); // UID 0 marks free entries
     // A UID beyond 32 bits (64-bit builds only) fits no entry.
     EXPECT_EQ(sizeof(long) > 4 ? wm.SetInput(LONG_MAX, "ORDER", nullptr, false) : long(M_NAME),
@@ -150,9 +142,7 @@ TEST_F(RegistryTest, CallbackCountFollowsThisProcesssRegistrationsAndBadInputCha
     EXPECT_EQ(wm.SetInput(101, "ORDER", CallbackA, false), M_LOCK);
     acc.FreeControlsLock(true);
     EXPECT_TRUE(acc.CallbackCount() == 0 && acc2.CallbackCount() == 0);
-    for (const _PRL_CTL_& e : Entries(wm))
-        ASSERT_EQ(e.nPID, 0) << "no entry was written";
-    EXPECT_EQ(wm.TargetActive(0, -1), M_NOTACT); // free entries are nobody's
+    EXPECT_TRUE(Same(Entries(wm), std::vector<_PRL_CTL_>(128))) << "no entry was written";
 
     const auto count = [&](long uid, const char* type, WMCallback cb) {
         EXPECT_EQ(wm.SetInput(uid, type, cb, false), M_OK);
