@@ -1,6 +1,5 @@
-// Administration: counting the queues, deleting in bulk, and the slot repairs
-// of derived classes, checked against the table, the slot allocation table
-// and both files.
+// Administration: counting the queues, deleting in bulk and the slot repairs
+// of derived classes, checked against the table, the SAT and both files.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,8 +60,7 @@ TEST_F(AdminTest, CountersByTypeStateAndProcess) {
     ASSERT_EQ(acc.ModifySlot(0, WQCF_Received, -1, -1, true), M_OK);
     ASSERT_EQ(wm.Retry(102, m2, false, 0) | wm.Retry(102, m4, true, 0), M_OK);
 
-    // By type: names ignore case, counters are added to, an unknown name
-    // gets -1 and the others are still counted, a repeated name again.
+    // By type: any case, added to; an unknown name gets -1, the rest still count.
     __GET_COUNTERS__ENTRY1 types[] = {{0, "ORDER"}, {5, "invoice"}, {0, "ALERT"},
                                       {0, "NOPE"},  {0, "ORDER"},   {0, ""}};
     EXPECT_EQ(wm.GetCounters(types), M_PARTIAL);
@@ -120,8 +118,7 @@ TEST_F(AdminTest, DeleteByEachCriterionAndAllAtOnce) {
     EXPECT_TRUE(wm.DeleteBy(0, "PROCB", "proca", "order", &n) == M_OK && n == 3) << n;
     EXPECT_TRUE(SlotsFree(wm, {0, 1, 6}) && InUse(wm) == 3);
 
-    // A name that is not found ends the call before anything is deleted or
-    // counted; the later names are not looked up.
+    // A name not found ends the call before anything is deleted or counted.
     n = 77;
     EXPECT_EQ(wm.DeleteBy(-1, "PROCB", "NOBODY", "BADTYPE", &n), M_NAME);
     EXPECT_TRUE(Contains(wm.szErrorMsg, "NOBODY") && n == 77) << wm.szErrorMsg;
@@ -154,8 +151,7 @@ TEST_F(AdminTest, DeleteByAgeCountsWholeDaysTruncated) {
 }
 
 TEST_F(AdminTest, DeleteByStopsAtTheFirstFailedDeletion) {
-    // The data file is replaced behind the object: only an object that opens
-    // it for each call meets the replacement.
+    // The data file is replaced behind an object that opens it for each call.
     WriteConfig("WM_KeepFilesOpen=false\n");
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
@@ -180,8 +176,7 @@ TEST_F(AdminTest, PriorityRoundTripAndWhatDeleteFinds) {
                                          kSlots));
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
-    // Raised twice, the saved byte stays; IDs that would be 0 or another
-    // message's are refused and the slots stay as they were.
+    // Raised twice, the saved byte stays; IDs that would be 0 or taken are refused.
     ASSERT_TRUE(acc.SetPrio(0, false) == M_OK && acc.SetPrio(0, false) == M_OK) << wm.szErrorMsg;
     _WQCF_ disk = FileSlot(0);
     EXPECT_TRUE(disk.nMessageID == 5 && disk.xMsgMask == 0x40);
@@ -228,8 +223,7 @@ TEST_F(AdminTest, SlotRepairsChangeOnlyWhatTheyAreToldAndRefuseBadInput) {
     EXPECT_TRUE(acc.DeleteSlot(-1) == M_LOGIC && acc.SetPrio(kSlots, false) == M_LOGIC);
     EXPECT_TRUE(FileSlot(0).nflag == WQCF_Received && acc.LockOwner() == 0);
 
-    // A free slot reads as zeros, data slot 0 included: clearing it, or a
-    // message without data, must not free data slot 0.
+    // Clearing a free slot or a message without data must not free data slot 0.
     EXPECT_TRUE(acc.DeleteSlot(5) == M_OK && acc.DeleteSlot(1) == M_OK);
     EXPECT_TRUE(SlotsFree(wm, {1}) && acc.SAT()[0] == 0x80);
     EXPECT_TRUE(DataSlotMarked(ReadFile(wddfFile), 0));

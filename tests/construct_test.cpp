@@ -43,8 +43,7 @@ TEST_F(ConstructTest, FirstConstructorCreatesLaterAttachesLastRemoves) {
                 ctl->nQSlotCount == 512 && ctl->nPRLSlotCount == 128);
     EXPECT_EQ(acc.LockOwner(), 0); // no lock left held
 
-    // A later constructor only attaches and loads no file (a broken names
-    // file now does not matter).
+    // A later constructor only attaches: a broken names file does not matter.
     WriteFile(namesFile, "garbage\n");
     {
         StderrCapture c;
@@ -73,9 +72,7 @@ TEST_F(ConstructTest, LeftoversAreRebuiltButAnotherBuildsSegmentInUseIsRefused) 
         EXPECT_TRUE(wm.nLastError == M_SHMERR && Contains(wm.szErrorMsg, "cannot share"))
             << wm.szErrorMsg;
     }
-    // With no attachment left it is a leftover, like the segments of a process
-    // that dies without destroying its object: removed and rebuilt, and the
-    // directory files are read again.
+    // Unattached, it is a dead process's leftover: rebuilt, the files read again.
     shmdt(p);
     ASSERT_EQ(RunChild([] { return (new CWorkMessages)->nLastError == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(CountSegments(), 6);

@@ -1,9 +1,7 @@
-// WM_KeepAttached: an object keeps its Queues and PRLs mappings from one call
-// to the next. It must still follow tables that another process, or the
-// object itself, replaces by growing them; a replaced segment must go at the
-// first call that sees the new handle; and the last object must leave no
-// segment behind, not even a replaced one. The default, which keeps nothing
-// between calls, is checked alongside.
+// WM_KeepAttached keeps the Queues and PRLs mappings between calls. Such an
+// object follows tables grown by another process or by itself, drops a
+// replaced segment at the first call that sees the new handle, and as the last
+// object leaves no segment behind. The default is checked alongside.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <unistd.h>

@@ -23,8 +23,7 @@ const int kPRLKey = CWorkMessages::cstWMPRListSHMKey;
 const WMCallback CallbackA = [](long n) { return n; };
 const WMCallback CallbackB = [](long n) { return n + 1; };
 
-// Registers (uid, type) pairs with CallbackB from a forked process; its
-// exit code.
+// Registers (uid, type) pairs with CallbackB from a forked process.
 int RegisterInChild(std::vector<std::pair<long, const char*>> regs) {
     return wmtest::RunChild([=] {
         CWorkMessages other;
@@ -112,8 +111,7 @@ TEST_F(RegistryTest, GrowthKeepsEntriesInPlacePeersFollowAndAFailedOneKeepsTheTa
     before.resize(160, _PRL_CTL_{});
     EXPECT_TRUE(Same(after, before));
 
-    // Growing to 192 entries is refused and the table stays; when not even
-    // the 160-entry table can be made, later calls report the loss.
+    // A refused growth keeps the table; with none at all, later calls fail.
     for (long uid = 1129; uid < 1160; ++uid)
         ASSERT_EQ(wm.SetInput(uid, "ORDER", nullptr, false), M_OK);
     const std::vector<_PRL_CTL_> full = Entries(wm);

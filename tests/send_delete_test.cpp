@@ -1,6 +1,5 @@
-// Sending, deleting, rejecting and retrying messages, end to end: what the
-// table, the registry callbacks, the control and data files and the reject
-// directory hold afterwards.
+// Sending, deleting, rejecting and retrying end to end: what the table, the
+// callbacks, both files and the reject directory hold afterwards.
 #include <glob.h>
 #include <sys/resource.h>
 
@@ -22,8 +21,7 @@ const long kOrder = 1;
 
 class SendDeleteTest : public WmTest {
 protected:
-    // Control file record of slot (-1: the header, its counter where a slot
-    // has its ID). With an object, the slot in memory must be the same.
+    // Control file record of slot (-1: the header); with wm, equal in memory.
     _WQCF_ Slot(long slot, CWorkMessages* wm = nullptr) {
         const _WQCF_ rec = ImageSlot(ReadFile(wqcfFile), slot);
         if (!wm) return rec;
@@ -123,8 +121,7 @@ TEST_F(SendDeleteTest, HighPriorityIdsAndTheCounterSkipWhatCannotBeUsed) {
     // Only the slot's value names it.
     EXPECT_TRUE(wm.Delete(101, hi.nMessageID) == M_MSGID && wm.Delete(101, 1) == M_OK);
 
-    // The counter skips IDs in use and wraps before 0x7FFFFFFF, which could
-    // never be received.
+    // The counter skips IDs in use and wraps before 0x7FFFFFFF (never received).
     const pSMControls ctl = CWorkMessagesTestAccess(wm).Controls();
     ctl->nMsgCounter = static_cast<int32_t>(asks.nMessageID);
     ASSERT_EQ(wm.Send(101, "ORDER", &a, false), M_OK);

@@ -37,8 +37,7 @@ size_t QueuesSize() {
     return SegmentInfo(kQueuesKey, &n, nullptr) ? n : 0;
 }
 
-// The table as this object sees it after re-attaching, under the lock; then
-// the first free slot, which grows a full table.
+// The table as this object sees it, under the lock; then the first free slot.
 std::vector<_WQCF_> Table(CWorkMessages& wm, long* firstFree = nullptr) {
     CWorkMessagesTestAccess acc(wm);
     EXPECT_TRUE(acc.GetControlsLock(1));
@@ -51,8 +50,7 @@ std::vector<_WQCF_> Table(CWorkMessages& wm, long* firstFree = nullptr) {
 
 } // namespace
 
-// Cleaning drops free and received slots and packs the rest; without it every
-// slot stays where it was. The header is kept as read, the data file only read.
+// Cleaning drops free and received slots and packs the rest; the data file is only read.
 TEST_F(StorageTest, ReloadWithAndWithoutCleaning) {
     const _WQCF_ pending = SlotRecord(WQCF_Pending, kFirstID + 1),
                  retry = SlotRecord(WQCF_Retry, kFirstID + 4, 7, 10);
@@ -79,8 +77,7 @@ TEST_F(StorageTest, ReloadWithAndWithoutCleaning) {
     }
     EXPECT_EQ(ReadFile(wddfFile), data);
 
-    // A data file cut short within its table (a crash while it was created)
-    // gives the table as far as it goes; the rest stays free.
+    // A data file cut short within its table loads as far as it goes; the rest is free.
     WriteFile(wddfFile, std::string(100, '\x01'));
     CWorkMessages wm(true);
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
@@ -107,8 +104,7 @@ TEST_F(StorageTest, SlotCountsAfterLoading) {
         {"512 kept of 512", Image(512, 512, kept512), false, 640, 512, 512, 640},
         {"512 without cleaning", Image(512, 512, kept512), true, 512, -1, 640, 512},
         {"zero bytes", std::string(), false, 512, 0, 512, 512},
-        // Cut short by a crash: what is missing reads as zero, a record cut
-        // short is a free slot, and the rewrite makes the file whole.
+        // Cut short by a crash: what is missing reads as zero; the rewrite makes it whole.
         {"header cut short", Image(512, 0).substr(0, 40), false, 512, 0, 512, 512},
         {"last record cut short", Image(512, 512, kept512).substr(0, 64 * 513 - 20), true, 512, 511,
          512, 512},
@@ -206,8 +202,7 @@ TEST_F(StorageTest, DamagedFilesFailTheConstructionAndStayAsTheyWere) {
 
 TEST_F(StorageTest, FilesThatCannotBeReadAreNeverReplaced) {
     if (getuid() != 0) GTEST_SKIP() << "needs root to prepare files another user cannot read";
-    // The unprivileged child must reach the configuration and the database
-    // directory, where it creates the lock file.
+    // The unprivileged child must reach the configuration and create the lock file.
     ASSERT_TRUE(chmod(root.c_str(), 0755) == 0 && chmod(dbDir.c_str(), 0777) == 0);
     const std::string ctl = Image(512, 512, {SlotRecord(WQCF_Pending, kFirstID, 0, 4)});
     const std::string data(8192 * 2, '\x80');
@@ -240,13 +235,11 @@ TEST_F(StorageTest, ScansStopAtAHighWaterMarkThatEveryWriterKeeps) {
     auto marks = [&] { return std::make_pair(words[kCtlSlotHighWater], words[kCtlTopMessageID]); };
     EXPECT_EQ(marks(), std::make_pair(301, kFirstID + 300)); // rebuilt by the loader
 
-    // A send takes the lowest free slot; clearing the top slot lowers the
-    // mark past every free slot below it, and an empty table has no top ID.
+    // Clearing the top slot lowers the mark past every free slot below it.
     const long sent = SendText(wm, 101, "ORDER", 102);
     EXPECT_EQ(wm.Delete(0, kFirstID + 300), M_OK);
     EXPECT_EQ(marks(), std::make_pair(2, kFirstID + 300));
-    // A repair that writes a slot above the mark raises it; its clearing
-    // lowers it again.
+    // A repair above the mark raises it; at the end an empty table has no top ID.
     EXPECT_EQ(acc.ModifySlot(40, WQCF_Received, -1, 102, true), M_OK);
     EXPECT_EQ(marks().first, 41);
     EXPECT_EQ(acc.DeleteSlot(40), M_OK);
