@@ -18,7 +18,6 @@ public:
     pUIDlist& UIDs() { return o.arrUIDs; }
     int& NamesCount() { return o.nNamesCount; }
     int& UIDsCount() { return o.nUIDsCount; }
-    int& ControlsHandle() { return o.nControlsHandle; }
     bool& InternalCall() { return o.bInternalCall; }
     bool& HoldingConstructorLock() { return o.bHoldingConstructorLock; }
     bool& Trace() { return o.bTrace; }
@@ -32,15 +31,7 @@ public:
     pid_t& CallerTID() { return o.callerTID; }
     pid_t& CallerPID() { return o.callerPID; }
     long CallbackCount() { return o.nCallbackCount.load(); }
-    pqControl& Header() { return o.pQctl; }
-    char* TempBuff() { return o.szTempBuff; }
     const std::string& DBPath() { return o.strDBPath; }
-    const std::string& RejectDir() { return o.strRMSGQdir; }
-    const std::string& WQCFFilename() { return o.strWQCFFilename; }
-    const std::string& WDDFFilename() { return o.strWDDFFilename; }
-    const std::string& LockFilename() { return o.strLOCKFilename; }
-    const std::string& NamesFilename() { return o.strWMConfigFilename; }
-    const std::string& UIDsFilename() { return o.strUIDConfigFilename; }
     uid_t FileUID() { return o.nUID; }
     gid_t FileGID() { return o.nGID; }
 
@@ -49,7 +40,6 @@ public:
     void Failed(long code, const char* seg, int err) { o._Failed(code, seg, err); }
     long Return(long code) { return o._Return(code); }
     bool GetConstructorLock(long wait) { return o._GetConstructorLock(wait); }
-    void FreeConstructorLock() { o._FreeConstructorLock(); }
     bool GetControlsLock(long wait) { return o._GetControlsLock(wait); }
     void FreeControlsLock(bool complain) { o._FreeControlsLock(complain); }
     void Unlock() { o._Unlock(); }
@@ -71,7 +61,6 @@ public:
     }
     pByteInt ReadWDDF(int slot) { return o._ReadWDDF(slot); }
     _PRL_CTL_* SearchPRL(long uid, long msgno) { return o._SearchPRL(uid, msgno); }
-    long GetPRLSlot() { return o._GetPRLSlot(); }
     _PRL_CTL_* SearchPRLByType(long msgno) { return o._SearchPRL(msgno); }
     long KnownRequest(long uid, long id, pid_t pid) { return o._KnownRequest(uid, id, pid); }
     long SearchMSGID(long id) { return o._SearchMSGID(id); }

@@ -1,6 +1,7 @@
+// The harness of TestEnv.h: the per-test root and configuration, crafted
+// file images, children, and the capture of the library's log.
 #include "TestEnv.h"
 
-#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -11,7 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 namespace wmtest {
 
@@ -33,9 +34,7 @@ void WriteFile(const std::string& path, const std::string& content) {
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool FileExists(const std::string& path) {
@@ -52,28 +51,19 @@ bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+double Elapsed(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
 _WQCF_ SlotRecord(ByteInt state, int32_t id, int32_t dataSlot, int32_t len, int32_t timeSent) {
-    _WQCF_ s;
-    memset(static_cast<void*>(&s), 0, sizeof(s));
-    s.nflag = state;
-    s.nMessageID = id;
-    s.nTargetUID = 102;
-    s.nSenderUID = 101;
-    s.nMsgNo = 1;
-    s.nTimeSent = timeSent;
-    s.nDepDataSlot = dataSlot;
-    s.nDepDataLength = len;
-    return s;
+    return _WQCF_{state, 0, 0, 0, id, 102, 101, 1, timeSent, 0, 0, len, dataSlot, 0, 0, {}, {}};
 }
 
 std::string ControlFileImage(int32_t count, int32_t counter, const std::vector<_WQCF_>& slots,
                              long nRecords, long first) {
     if (nRecords < 0) nRecords = first + static_cast<long>(slots.size());
     std::string img(static_cast<size_t>(64 * (nRecords + 1)), '\0');
-    _WQCF_CTL_ head;
-    memset(&head, 0, sizeof(head));
-    head.nEntriesAllocated = count;
-    head.nCurrentMsgID = counter;
+    const _WQCF_CTL_ head{count, counter, {}};
     memcpy(&img[0], &head, sizeof(head));
     for (size_t i = 0; i < slots.size(); ++i)
         memcpy(&img[64 * (first + i + 1)], &slots[i], sizeof(_WQCF_));
@@ -118,11 +108,12 @@ bool DataBlockZero(const std::string& img, long slot) {
            img.find_first_not_of('\0', offset) >= std::min(img.size(), offset + 8192);
 }
 
+WorkMsg MsgTo(long target, const void* data, long len) {
+    return WorkMsg{0, 0, 0, {0}, 0, target, 0, 0, 0, 0, 0, len, const_cast<void*>(data)};
+}
+
 long SendText(CWorkMessages& wm, long from, const char* type, long to, const char* data) {
-    WorkMsg m{};
-    m.nTargetUID = to;
-    m.pDepData = const_cast<char*>(data);
-    m.nDepDataLength = data ? static_cast<long>(strlen(data)) : 0;
+    WorkMsg m = MsgTo(to, data, data ? static_cast<long>(strlen(data)) : 0);
     const long rc = wm.Send(from, type, &m, false);
     EXPECT_TRUE(rc == M_OK || rc == M_NOTACT) << rc << " " << wm.szErrorMsg;
     return m.nMessageID;
@@ -143,18 +134,15 @@ bool SegmentInfo(int key, size_t* size, long* nattch) {
 }
 
 void RemoveSegments() {
-    for (int key = 1048; key <= 1053; ++key) {
-        int id = SegmentId(key);
-        if (id >= 0) shmctl(id, IPC_RMID, nullptr);
-    }
+    for (int key = 1048; key <= 1053; ++key)
+        shmctl(SegmentId(key), IPC_RMID, nullptr); // -1 when none: EINVAL, nothing done
 }
 
 pid_t StartChild(const std::function<int()>& fn) {
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        int rc = 99;
-        rc = fn();
+        const int rc = fn();
         fflush(nullptr);
         _exit(rc);
     }
@@ -164,9 +152,9 @@ pid_t StartChild(const std::function<int()>& fn) {
 int WaitChild(pid_t pid) {
     int status = 0;
     if (waitpid(pid, &status, 0) != pid) return -1;
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    return WIFEXITED(status)     ? WEXITSTATUS(status)
+           : WIFSIGNALED(status) ? 128 + WTERMSIG(status)
+                                 : -1;
 }
 
 std::string Emulator() {
@@ -189,10 +177,6 @@ StderrCapture::StderrCapture() {
     close(fd);
 }
 
-StderrCapture::~StderrCapture() {
-    Stop();
-}
-
 std::string StderrCapture::Stop() {
     if (nSaved < 0) return std::string();
     fflush(stderr);
@@ -208,10 +192,8 @@ void WmTest::SetUp() {
     RemoveSegments();
     const char* tmp = getenv("TMPDIR");
     std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/qvwm.XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    ASSERT_NE(mkdtemp(buf.data()), nullptr);
-    root = buf.data();
+    ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
+    root = tmpl;
     levelDir = root + "/Dev";
     appconfDir = levelDir + "/control/appconf";
     namesFile = appconfDir + "/WorkMsg.ini";

@@ -2,13 +2,14 @@
 // file (GDDA_CONFIG), a names file, a process-UID file, a database directory
 // and a reject directory. The test main has already moved the process into
 // its own IPC namespace, so the fixed segment keys are private to the test
-// (and to the children it forks).
+// and to the children it forks.
 #ifndef WM_TEST_ENV_H
 #define WM_TEST_ENV_H
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <utility>
@@ -18,7 +19,6 @@
 
 namespace wmtest {
 
-// Names file and process-UID file every test starts with.
 extern const char* const kDefaultNames; // ORDER=1, INVOICE=2, REPORT=3, ALERT=4
 extern const char* const kDefaultUIDs;  // PROCA=101, PROCB=102, PROCC=103
 
@@ -27,6 +27,7 @@ std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
 long FileSize(const std::string& path); // -1 when missing
 bool Contains(const std::string& text, const std::string& part);
+double Elapsed(std::chrono::steady_clock::time_point t0); // seconds since t0
 
 // Crafted database files, written before the first constructor.
 // A message record from PROCA (101) to PROCB (102) of type ORDER (1).
@@ -44,16 +45,15 @@ std::string DataFileImage(const std::vector<std::pair<int, std::string>>& blocks
 bool DataSlotMarked(const std::string& dataImage, int slot);
 bool DataBlockZero(const std::string& dataImage, long slot); // also when past the end
 
+// A record for target with len bytes of data (Receive: buffer and capacity).
+WorkMsg MsgTo(long target, const void* data = nullptr, long len = 0);
 // Sends data of a type between two UIDs, expecting M_OK or M_NOTACT; returns
 // the message ID.
 long SendText(CWorkMessages& wm, long from, const char* type, long to, const char* data = "data");
 
-// Removes every segment under the six keys of the library (this namespace).
-void RemoveSegments();
-// shm ID under key, or -1.
-int SegmentId(int key);
-// Size in bytes and attach count of the segment under key; false if none.
-bool SegmentInfo(int key, size_t* size, long* nattch);
+void RemoveSegments();                                 // every segment of the library's six keys
+int SegmentId(int key);                                // shm ID under key, or -1
+bool SegmentInfo(int key, size_t* size, long* nattch); // false if no segment
 
 // The emulator that starts this build's programs (QV_WM_EMULATOR, set by
 // CTest when the i386 build runs emulated), or "" when they run natively.
@@ -70,7 +70,7 @@ int WaitChild(pid_t pid);
 class StderrCapture {
 public:
     StderrCapture();
-    ~StderrCapture();
+    ~StderrCapture() { Stop(); }
     std::string Stop();
 
 private:
@@ -89,16 +89,12 @@ protected:
     // QV_WM_TEST_FASTPATH is set (the suite's run with every opt-in on).
     void WriteConfig(const std::string& devExtra = "", bool withDbPath = true);
 
-    std::string root;       // Root=
-    std::string levelDir;   // root + "/Dev"
-    std::string appconfDir; // levelDir + "/control/appconf"
-    std::string namesFile;  // appconfDir + "/WorkMsg.ini"
-    std::string uidsFile;   // appconfDir + "/ProcessUID.ini"
-    std::string dbDir;      // levelDir + "/data/msgq"
-    std::string rejectDir;  // levelDir + "/data/rmsgq"
-    std::string configFile; // root + "/gdda.conf"
-    std::string wqcfFile;   // dbDir + "/WQCF.bdb"
-    std::string wddfFile;   // dbDir + "/WDDF.bdb"
+    // root (Root=) holds gdda.conf (configFile) and Dev (levelDir), which holds
+    // control/appconf (appconfDir: namesFile WorkMsg.ini, uidsFile
+    // ProcessUID.ini), data/msgq (dbDir: wqcfFile WQCF.bdb, wddfFile WDDF.bdb)
+    // and data/rmsgq (rejectDir).
+    std::string root, levelDir, appconfDir, namesFile, uidsFile;
+    std::string dbDir, rejectDir, configFile, wqcfFile, wddfFile;
 };
 
 } // namespace wmtest

@@ -1,6 +1,5 @@
 // The directory files (message types, processes) and the lookups between
 // names and numbers.
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -13,42 +12,30 @@ using namespace wmtest;
 
 namespace {
 
-std::string Format(const char* szFormat, ...) {
-    char sz[512];
-    va_list ap;
-    va_start(ap, szFormat);
-    vsnprintf(sz, sizeof(sz), szFormat, ap);
-    va_end(ap);
-    return sz;
-}
-
-const char* Code(long code) {
+const char* AsText(long code) {
     return reinterpret_cast<char*>(static_cast<intptr_t>(code));
 }
 
 // A row as "name|number|desc" or "name|UID|flag|desc".
 std::string Describe(const _WQCONF_& r) {
-    return Format("%s|%d|%s", r.szName, r.nID, r.szDesc);
+    return std::string(r.szName) + "|" + std::to_string(r.nID) + "|" + r.szDesc;
 }
 std::string Describe(const _PRUID_& r) {
-    return Format("%s|%d|%.1s|%s", r.szName, r.nUID, &r.cLogMsgID, r.szDesc);
+    return std::string(r.szName) + "|" + std::to_string(r.nUID) + "|" +
+           std::string(&r.cLogMsgID, r.cLogMsgID ? 1 : 0) + "|" + r.szDesc;
 }
 
 class DirectoryTest : public WmTest {
 protected:
-    void SetUp() override {
-        WmTest::SetUp();
-        path = root + "/file.ini";
-    }
-    // Runs the names (or process) loader of a constructed object on content
-    // (or on file) and returns the rows it loaded; ok, error and text keep
-    // the outcome. The object gets its attached table back.
+    // Runs the names (or process) loader of wm on content written to path (or
+    // on file) and returns the rows it loaded; ok, error and text keep the
+    // outcome. wm gets its own table back.
     std::vector<std::string> Load(CWorkMessages& wm, const std::string& content, bool uids = false,
                                   std::string file = "") {
-        if (file.empty()) WriteFile(file = path, content);
+        if (file.empty()) WriteFile(file = path(), content);
         CWorkMessagesTestAccess acc(wm);
         wm.nLastError = 0;
-        snprintf(wm.szErrorMsg, sizeof(wm.szErrorMsg), "untouched");
+        strcpy(wm.szErrorMsg, "untouched");
         std::vector<std::string> rows =
             uids ? Run(acc.UIDs(), acc.UIDsCount(), [&] { return acc.LoadUIDs(file); })
                  : Run(acc.Names(), acc.NamesCount(), [&] { return acc.LoadNames(file); });
@@ -69,88 +56,38 @@ protected:
         count = savedCount;
         return rows;
     }
-    std::string Error(const char* what, int line, const char* tail = "") {
-        return Format("WorkMsg object: %s on line %s:%d%s\n", what, path.c_str(), line, tail);
-    }
+    std::string path() const { return root + "/file.ini"; }
     bool ok = false;
     long error = 0;
-    std::string text, path;
+    std::string text;
 };
 
 } // namespace
 
-TEST_F(DirectoryTest, NamesFileLinesAreAcceptedOrRejectedOneByOne) {
+TEST_F(DirectoryTest, LinesAreAcceptedOrRejectedOneByOne) {
     CWorkMessages wm;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     // 150 characters: a comment piece of 99, then a line of its own of 51.
     const std::string longLine =
         "#" + std::string(98, 'x') + "NAME=piece2,ID=22,DESC=" + std::string(28, 'd') + "\n";
     const std::string desc32(32, 'z');
-    const std::vector<std::string> rows =
-        Load(wm, "* star comment\n\n"
-                 "name=abc,id=7,desc=Seven\n"
-                 "NAME,sep=ID,8=DESC,Swapped\n"
-                 "Name=    lead,Id=0x10,Desc=  two  words  \n"
-                 "NAME=AB CD,ID=-3 junk,DESC=inner\n"
-                 "NAME=hex,ID=1F,DESC=decimal first\n"
-                 "NAME=ff,ID=FF,DESC=hex\n"
-                 "NAME=crlf,ID=5,DESC=ends in CR\r\n"
-                 "NAME=tab\tx,ID=6,DESC=\tt\n"
-                 "NAME=EIGHTCHR,ID=9,DESC=" +
-                     desc32 + "\nNAME=abc,ID=7,DESC=again\n" + longLine);
-    EXPECT_TRUE(ok && text == "untouched") << text;
-    EXPECT_EQ(rows,
+    EXPECT_EQ(Load(wm, "* star comment\n\n"
+                       "name=abc,id=7,desc=Seven\n"
+                       "NAME,sep=ID,8=DESC,Swapped\n"
+                       "Name=    lead,Id=0x10,Desc=  two  words  \n"
+                       "NAME=AB CD,ID=-3 junk,DESC=inner\n"
+                       "NAME=hex,ID=1F,DESC=decimal first\n"
+                       "NAME=ff,ID=FF,DESC=hex\n"
+                       "NAME=crlf,ID=5,DESC=ends in CR\r\n"
+                       "NAME=tab\tx,ID=6,DESC=\tt\n"
+                       "NAME=EIGHTCHR,ID=9,DESC=" +
+                           desc32 + "\nNAME=abc,ID=7,DESC=again\n" + longLine),
               (std::vector<std::string>{"abc|7|Seven", "sep|8|Swapped", "lead|16|two  words  ",
                                         "AB|-3|inner", "hex|1|decimal first", "ff|255|hex",
                                         "crlf|5|ends in CR", "tab\tx|6|\tt", "EIGHTCHR|9|" + desc32,
                                         "abc|7|again", "piece2|22|" + std::string(28, 'd')}));
-
-    // Each bad line stands on line 3, after a comment and a good line that
-    // stays loaded.
-    const std::string fmtErr = Error("Invalid format(,=)", 3);
-    const std::string kwErr = Error("Invalid keyword[Name|ID|Desc]", 3);
-    const std::string idErr = Error("Invalid value for 'ID'", 3) + "\n";
-    const std::vector<std::pair<std::string, std::string>> bad = {
-        {"NAME=x,ID=1,DESC=a=b", fmtErr},
-        {"   ", fmtErr},
-        {" #NAME=x,ID=1,DESC=c", kwErr},
-        {"ID=1,NAME=x,DESC=c", kwErr},
-        {"NAME=ABCDEFGHI,ID=0,DESC=" + std::string(40, 'd'),
-         Error("The length(9) of 'Name'", 3, " exceeds 8 characters")},
-        {"NAME=x,ID=1,DESC=" + std::string(31, 'd') + "  ",
-         Error("The length(33) of 'Desc'", 3, " exceeds 32 characters")},
-        {"NAME=x,ID=0,DESC=d", idErr},
-        {"NAME=x,ID=zz,DESC=d", idErr}};
-    for (const auto& c : bad) {
-        EXPECT_EQ(Load(wm, "# types\nNAME=GOOD,ID=1,DESC=g\n" + c.first + "\n").size(), 1u);
-        EXPECT_TRUE(!ok && error == M_CTLFILE && text == c.second) << c.first << ": " << text;
-    }
-
-    // Every bad line is reported and the last one stays; no row is added
-    // after the first.
-    EXPECT_EQ(Load(wm, "NAME=A,ID=1,DESC=a\nNAME=B,ID=0,DESC=b\n"
-                       "NAME=C,ID=3,DESC=c\nNAME=D,DESC=d\nNAME=E,ID=5,DESC=e\n")
-                  .size(),
-              1u);
-    EXPECT_TRUE(!ok && error == M_CTLFILE && text == Error("Invalid format(,=)", 4)) << text;
-
-    // Empty and comment-only files; a file that opens but gives no line
-    // because its read fails is "empty" too, with the read's code.
-    EXPECT_TRUE(Load(wm, "").empty());
-    EXPECT_TRUE(!ok && error == 0);
-    EXPECT_EQ(text, Format("WorkMsg object: File: %s is empty!\n", path.c_str()));
-    EXPECT_TRUE(Load(wm, "# only\n\n* comments\n").empty());
-    EXPECT_TRUE(ok) << text;
-    Load(wm, "", false, root);
-    EXPECT_TRUE(!ok && error == M_SYSERR);
-    EXPECT_EQ(text, Format("WorkMsg object: File: %s is empty!\n", root.c_str()));
-    Load(wm, "", false, path + "x");
-    EXPECT_TRUE(error == M_SYSERR && Contains(text, "Error opening file: " + path + "x")) << text;
-}
-
-TEST_F(DirectoryTest, ProcessLinesKeepInnerBlanksAndTheFlag) {
-    CWorkMessages wm;
-    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+    EXPECT_TRUE(ok && text == "untouched") << text;
+    // Process lines keep inner blanks and the flag.
     EXPECT_EQ(
         Load(wm,
              "name=my proc,id=7,msgid=Yes,desc=  kept  \n"
@@ -160,53 +97,67 @@ TEST_F(DirectoryTest, ProcessLinesKeepInnerBlanksAndTheFlag) {
         (std::vector<std::string>{"my proc|7|Y|kept  ", "pb|16||empty flag", "padded|12|N|x"}));
     EXPECT_TRUE(ok) << text;
 
-    const std::vector<std::pair<std::string, std::string>> bad = {
-        {"NAME=ABCDEFGHI,ID=1,MSGID=Y,DESC=x",
-         Error("The length(9) of 'Name'", 2, " exceeds 8 characters")},
-        {"NAME=x,ID=1,DESC=d", Error("Invalid format(,=)", 2)},
-        {"NAME=x,ID=1,MSG=Y,DESC=d", Error(" Invalid keyword[Name|ID|MsgID|Desc]", 2)}};
+    // Each bad line stands on line 3, after a comment and a good line that
+    // stays loaded.
+    const struct {
+        bool uids;
+        std::string line;
+        const char* what;
+    } bad[] = {{false, "NAME=x,ID=1,DESC=a=b", "Invalid format(,=)"},
+               {false, "   ", "Invalid format(,=)"},
+               {false, " #NAME=x,ID=1,DESC=c", "Invalid keyword[Name|ID|Desc]"},
+               {false, "ID=1,NAME=x,DESC=c", "Invalid keyword[Name|ID|Desc]"},
+               {false, "NAME=ABCDEFGHI,ID=0,DESC=" + std::string(40, 'd'), "length(9) of 'Name'"},
+               {false, "NAME=x,ID=1,DESC=" + std::string(31, 'd') + "  ", "length(33) of 'Desc'"},
+               {false, "NAME=x,ID=0,DESC=d", "Invalid value for 'ID'"},
+               {false, "NAME=x,ID=zz,DESC=d", "Invalid value for 'ID'"},
+               {true, "NAME=ABCDEFGHI,ID=1,MSGID=Y,DESC=x", "length(9) of 'Name'"},
+               {true, "NAME=x,ID=1,DESC=d", "Invalid format(,=)"},
+               {true, "NAME=x,ID=1,MSG=Y,DESC=d", "Invalid keyword[Name|ID|MsgID|Desc]"}};
     for (const auto& c : bad) {
-        EXPECT_EQ(Load(wm, "NAME=GOOD,ID=1,MSGID=Y,DESC=g\n" + c.first + "\n", true).size(), 1u);
-        EXPECT_TRUE(!ok && error == M_CTLFILE && text == c.second) << c.first << ": " << text;
+        const std::string good =
+            c.uids ? "NAME=GOOD,ID=1,MSGID=Y,DESC=g\n" : "NAME=GOOD,ID=1,DESC=g\n";
+        EXPECT_EQ(Load(wm, "# types\n" + good + c.line + "\n", c.uids).size(), 1u) << c.line;
+        EXPECT_TRUE(!ok && error == M_CTLFILE && Contains(text, c.what) &&
+                    Contains(text, " on line " + path() + ":3"))
+            << c.line << ": " << text;
     }
-}
+    // Every bad line is reported and the last one stays; no row is added
+    // after the first.
+    EXPECT_EQ(Load(wm, "NAME=A,ID=1,DESC=a\nNAME=B,ID=0,DESC=b\n"
+                       "NAME=C,ID=3,DESC=c\nNAME=D,DESC=d\nNAME=E,ID=5,DESC=e\n")
+                  .size(),
+              1u);
+    EXPECT_TRUE(Contains(text, "Invalid format(,=) on line " + path() + ":4")) << text;
 
-TEST_F(DirectoryTest, ConstructionLoadsTheFilesIntoTheSegments) {
-    // 30 types: the table grows twice on the way and keeps every row.
-    std::string names;
-    for (int i = 1; i <= 30; ++i)
-        names += Format("NAME=T%d,ID=%d,DESC=type %d\n", i, i * 10, i);
-    WriteFile(namesFile, names);
-    {
-        CWorkMessages wm;
-        ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
-        ASSERT_EQ(CWorkMessagesTestAccess(wm).Controls()->nQNameCount, 30);
-        for (int i = 1; i <= 30; ++i) {
-            char desc[33];
-            EXPECT_EQ(wm.Translate(Format("t%d", i).c_str()), i * 10);
-            EXPECT_STREQ(wm.Translate(i * 10L, desc), Format("T%d", i).c_str());
-            EXPECT_STREQ(desc, Format("type %d", i).c_str());
-        }
-    }
-    RemoveSegments();
-
-    WriteFile(namesFile, "NAME=ORDER,ID=1,DESC=x\nNAME=TOOLONGNAME,ID=2,DESC=y\n");
-    path = namesFile;
-    CWorkMessages wm;
-    EXPECT_EQ(wm.nLastError, M_CTLFILE);
-    EXPECT_EQ(std::string(wm.szErrorMsg),
-              Error("The length(11) of 'Name'", 2, " exceeds 8 characters"));
+    // Empty and comment-only files; a file that opens but gives no line
+    // because its read fails is "empty" too, with the read's code.
+    EXPECT_TRUE(Load(wm, "").empty() && !ok && error == 0);
+    EXPECT_TRUE(Contains(text, "File: " + path() + " is empty!")) << text;
+    EXPECT_TRUE(Load(wm, "# only\n\n* comments\n").empty() && ok) << text;
+    Load(wm, "", false, root);
+    EXPECT_TRUE(!ok && error == M_SYSERR && Contains(text, "File: " + root + " is empty!")) << text;
+    Load(wm, "", false, path() + "x");
+    EXPECT_TRUE(error == M_SYSERR && Contains(text, "Error opening file: " + path() + "x")) << text;
 }
 
 TEST_F(DirectoryTest, LookupsFindTheFirstRowIgnoringCase) {
-    WriteFile(namesFile, std::string(kDefaultNames) + "NAME=order,ID=9,DESC=dup name\n"
-                                                      "NAME=DUPID,ID=2,DESC=dup id\n");
+    // 30 types: the table grows twice on the way and keeps every row.
+    std::string names = std::string(kDefaultNames) + "NAME=order,ID=9,DESC=dup name\n"
+                                                     "NAME=DUPID,ID=2,DESC=dup id\n";
+    for (int i = 1; i <= 30; ++i)
+        names += "NAME=T" + std::to_string(i) + ",ID=" + std::to_string(i * 10) + ",DESC=t\n";
+    WriteFile(namesFile, names);
     CWorkMessages wm, holder;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     CWorkMessagesTestAccess acc(wm);
-
-    EXPECT_EQ(wm.Translate("order"), 1);
+    ASSERT_EQ(acc.Controls()->nQNameCount, 36);
     char desc[40];
+    for (int i = 1; i <= 30; ++i) {
+        EXPECT_EQ(wm.Translate(("t" + std::to_string(i)).c_str()), i * 10);
+        EXPECT_STREQ(wm.Translate(i * 10L, desc), ("T" + std::to_string(i)).c_str());
+    }
+    EXPECT_EQ(wm.Translate("order"), 1);
     EXPECT_STREQ(wm.Translate(2, desc), "INVOICE");
     EXPECT_STREQ(desc, "Invoice");
     char flag[2] = {'#', '#'};
@@ -216,33 +167,28 @@ TEST_F(DirectoryTest, LookupsFindTheFirstRowIgnoringCase) {
     EXPECT_STREQ(desc, "Process C");
 
     // Misses return a code; only the by-name lookups write a text.
-    snprintf(wm.szErrorMsg, sizeof(wm.szErrorMsg), "older");
+    strcpy(wm.szErrorMsg, "older");
     memset(desc, '#', sizeof(desc));
-    EXPECT_EQ(wm.Translate(999, desc), Code(M_MSGID));
-    EXPECT_EQ(wm.GetUID(999, desc), Code(M_MSGID));
-    EXPECT_EQ(desc[0], '#');
-    EXPECT_STREQ(wm.szErrorMsg, "older");
+    EXPECT_TRUE(wm.Translate(999, desc) == AsText(M_MSGID) &&
+                wm.GetUID(999, desc) == AsText(M_MSGID));
+    EXPECT_TRUE(desc[0] == '#' && strcmp(wm.szErrorMsg, "older") == 0);
     EXPECT_EQ(wm.Translate("ORD"), M_NAME);
     EXPECT_STREQ(wm.szErrorMsg, "WorkMsg object: WorkMsg 'ORD' is not valid");
     EXPECT_EQ(wm.GetUID("PROCX", flag), M_NAME);
     EXPECT_STREQ(wm.szErrorMsg, "WorkMsg object: UID for PROCX was not found");
     EXPECT_TRUE(wm.Translate(nullptr) == M_NAME && wm.GetUID(nullptr, flag) == M_NAME);
-    EXPECT_EQ(flag[0], 'N');
-    EXPECT_EQ(acc.LockOwner(), 0);
-
+    EXPECT_TRUE(flag[0] == 'N' && acc.LockOwner() == 0);
     // The shared row count, which another process may have changed, bounds
     // the search.
-    const int32_t names = acc.Controls()->nQNameCount;
     acc.Controls()->nQNameCount = 1;
     EXPECT_EQ(wm.Translate("INVOICE"), M_NAME);
-    acc.Controls()->nQNameCount = names;
+    acc.Controls()->nQNameCount = 36;
 
     // GetUID waits for the Controls lock.
     CWorkMessagesTestAccess hacc(holder);
     hacc.RecordCaller();
     ASSERT_TRUE(hacc.GetControlsLock(1));
-    EXPECT_EQ(wm.GetUID("PROCA", nullptr), M_LOCK);
-    EXPECT_EQ(wm.GetUID(101, nullptr), Code(M_LOCK));
+    EXPECT_TRUE(wm.GetUID("PROCA", nullptr) == M_LOCK && wm.GetUID(101, nullptr) == AsText(M_LOCK));
     EXPECT_EQ(acc.LockOwner(), hacc.CallerTID()); // nobody released the holder's lock
     hacc.FreeControlsLock(true);
 }
@@ -254,30 +200,26 @@ TEST_F(DirectoryTest, NegativeNumbersAreReturnedButNotUsed) {
     CWorkMessages wm;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     SendText(wm, 101, "ORDER", 102);
-    EXPECT_EQ(wm.Translate("neg"), -3);
-    EXPECT_EQ(wm.GetUID("pneg", nullptr), -100);
+    EXPECT_TRUE(wm.Translate("neg") == -3 && wm.GetUID("pneg", nullptr) == -100);
 
     // Such a number reads as a code (-100 is M_NAME, -1 a wildcard): every
     // operation that would use it refuses it, with a text that says why.
-    WorkMsg m{};
-    m.nTargetUID = 102;
+    WorkMsg m = MsgTo(102);
     long count = 7;
     __GET_COUNTERS__ENTRY1 byType[] = {{0, "NEG"}, {0, ""}};
     __GET_COUNTERS__ENTRY4 byUID[] = {{0, "PNEG"}, {0, ""}};
-    const std::vector<std::pair<std::string, std::function<long()>>> calls = {
-        {"Send", [&] { return wm.Send(101, "NEG", &m, false); }},
-        {"SetInput", [&] { return wm.SetInput(101, "NEG", nullptr, false); }},
-        {"UnsetInput", [&] { return wm.UnsetInput(101, "NEG", 0); }},
-        {"DeleteBy type", [&] { return wm.DeleteBy(-1, nullptr, nullptr, "WILD", &count); }},
-        {"DeleteBy target", [&] { return wm.DeleteBy(-1, "PNEG", nullptr, nullptr, &count); }},
-        {"GetCounters type", [&] { return wm.GetCounters(byType) == M_NONE ? long(M_NAME) : 0L; }},
-        {"GetCounters UID",
-         [&] { return wm.GetCounters(byUID, true) == M_NONE ? long(M_NAME) : 0L; }},
+    const std::function<long()> calls[] = {
+        [&] { return wm.Send(101, "NEG", &m, false); },
+        [&] { return wm.SetInput(101, "NEG", nullptr, false); },
+        [&] { return wm.UnsetInput(101, "NEG", 0); },
+        [&] { return wm.DeleteBy(-1, nullptr, nullptr, "WILD", &count); },
+        [&] { return wm.DeleteBy(-1, "PNEG", nullptr, nullptr, &count); },
+        [&] { return wm.GetCounters(byType) == M_NONE ? long(M_NAME) : 0L; },
+        [&] { return wm.GetCounters(byUID, true) == M_NONE ? long(M_NAME) : 0L; },
     };
-    for (const auto& c : calls) {
-        EXPECT_EQ(c.second(), M_NAME) << c.first;
-        EXPECT_TRUE(Contains(wm.szErrorMsg, "cannot be told from a result code"))
-            << c.first << ": " << wm.szErrorMsg;
+    for (const auto& call : calls) {
+        EXPECT_EQ(call(), M_NAME) << &call - calls;
+        EXPECT_TRUE(Contains(wm.szErrorMsg, "cannot be told from a result code")) << wm.szErrorMsg;
     }
     EXPECT_TRUE(count == 7 && byType[0].Counter == -1 && byUID[0].Counter == -1);
     __GET_COUNTERS__ENTRY2 states{};

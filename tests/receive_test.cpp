@@ -1,13 +1,9 @@
-// Receiving messages end to end, across processes of one IPC namespace: the
-// order, the type ranges, the retry passes, the buffer rules, the filter and
-// the waits and their wake-ups, each outcome checked in the record and in the
-// control file.
+// Receiving across processes of one IPC namespace: order, type ranges, the
+// filter, the retry passes, the buffer rules and the waits, each outcome
+// checked in the record and in the control file.
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
-#include <ctime>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <string>
@@ -16,20 +12,18 @@
 #include "TestAccess.h"
 #include "TestEnv.h"
 
+using namespace wmtest;
+
 namespace {
 
-WorkMsg Msg(long target, const void* data = nullptr, long len = 0) {
-    return WorkMsg{0, 0, 0, {0}, 0, target, 0, 0, 0, 0, 0, len, const_cast<void*>(data)};
-}
-
-// A child that sends each text as one message of type szType to nTarget
-// (with bHiPrio the last one as high priority); 0 when all were queued.
+// In a child: sends each text to nTarget as one message of szType (with
+// bHiPrio the last one high priority); 0 when all were queued.
 int SendAll(long nTarget, const char* szType, const std::vector<std::string>& texts,
             bool bHiPrio = false) {
     CWorkMessages wm;
     int rc = wm.nLastError == 0 ? 0 : 90;
     for (size_t i = 0; i < texts.size() && rc == 0; ++i) {
-        WorkMsg m = Msg(nTarget, texts[i].c_str(), static_cast<long>(texts[i].size()));
+        WorkMsg m = MsgTo(nTarget, texts[i].c_str(), static_cast<long>(texts[i].size()));
         const long n = wm.Send(101, szType, &m, bHiPrio && i + 1 == texts.size());
         rc = n == M_OK || n == M_NOTACT ? 0 : 91;
     }
@@ -40,51 +34,28 @@ std::string Code(long rc) {
     return "code " + std::to_string(rc);
 }
 
-double Seconds(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
-class ReceiveTest : public wmtest::WmTest {
+class ReceiveTest : public WmTest {
 protected:
     // State in the control file of the message in use with this slot ID.
     long FileState(long id) {
-        const std::string s = wmtest::ReadFile(wqcfFile);
+        const std::string s = ReadFile(wqcfFile);
         for (long n = 0; 64 * (n + 2) <= static_cast<long>(s.size()); ++n) {
-            const _WQCF_ rec = wmtest::ImageSlot(s, n);
+            const _WQCF_ rec = ImageSlot(s, n);
             if (rec.nflag != WQCF_Available && rec.nMessageID == id) return rec.nflag;
         }
         return WQCF_Available;
     }
-    // Receives one message and returns its text, or Code(rc) when nothing
-    // came; the record goes to last.
+    // Receives one message: its text, or Code(rc) when none came; the record
+    // goes to last.
     std::string Next(CWorkMessages& wm, long uid, long lo = -1, long hi = -1, bool retry = false,
                      bool (*filter)(void*) = nullptr, long wait = 1) {
         char buf[64] = "";
-        last = Msg(0, buf, sizeof(buf) - 1);
+        last = MsgTo(0, buf, sizeof(buf) - 1);
         const long rc = wm.ReceiveByMsg(uid, wait, &last, lo, hi, retry, filter);
         return rc == M_OK ? std::string(buf) : Code(rc);
     }
     WorkMsg last{};
 };
-
-TEST_F(ReceiveTest, OldestOrNewestFirstAndHighPriority) {
-    CWorkMessages wm;
-    ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
-    ASSERT_EQ(wm.SetInput(103, "REPORT", nullptr, true), M_OK); // LIFO for every type
-    ASSERT_EQ(wmtest::RunChild([] {
-                  return SendAll(102, "ORDER", {"A", "B", "C", "D"}, true) +
-                         SendAll(103, "ORDER", {"A", "B", "C", "D"}, true);
-              }),
-              0);
-    std::string fifo, lifo;
-    for (int i = 0; i < 4; ++i) {
-        fifo += Next(wm, 102);
-        EXPECT_EQ(last.nMessageID <= 0x00FFFFFFL, i == 0) << i; // high priority: the slot's ID
-        lifo += Next(wm, 103);
-    }
-    EXPECT_EQ(fifo, "DABC");
-    EXPECT_EQ(lifo, "CBAD");
-}
 
 std::vector<std::string> vecSeen; // what Choosy was offered, in order
 std::string strRefused;           // " a b ": the texts Choosy refuses
@@ -94,16 +65,16 @@ bool Choosy(void* p) {
 }
 
 // After a refusal the search goes on with the next candidate in the
-// receiver's order: every candidate is offered once, none is passed over, and
-// the first one accepted is delivered; in both orders, within type ranges,
-// and through both retry passes.
+// receiver's order: each is offered once, none is passed over, the first
+// accepted is delivered; in both orders, within type ranges, and through
+// both retry passes.
 TEST_F(ReceiveTest, TheFilterIsOfferedEveryCandidateOnceInOrder) {
     CWorkMessages wm;
     ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
     ASSERT_EQ(wm.SetInput(103, "ORDER", nullptr, true), M_OK);
     const char* const types[] = {"ORDER", "INVOICE", "REPORT", "ALERT"}; // 1 to 4
     const std::vector<std::string> texts = {"o1", "i2", "r3", "a4", "o5", "i6", "r7", "a8"};
-    ASSERT_EQ(wmtest::RunChild([&] {
+    ASSERT_EQ(RunChild([&] {
                   int n = 0;
                   for (long uid : {103, 102}) // 103 from slot 0 on
                       for (size_t i = 0; i < texts.size(); ++i)
@@ -149,80 +120,77 @@ TEST_F(ReceiveTest, TheFilterIsOfferedEveryCandidateOnceInOrder) {
     // Refused candidates are not offered again while the wait goes on.
     const auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(take(103, -1, -1, false, "a8 r7 o5 r3 o1"), "a8 r7 o5 r3 o1 > " + Code(M_TIMEOUT));
-    EXPECT_GT(Seconds(t0), 0.9);
+    EXPECT_GT(Elapsed(t0), 0.9);
     EXPECT_EQ(Next(wm, 103, 99, -1), "a8"); // no upper bound: every type
 }
 
-TEST_F(ReceiveTest, RetryPassesTakeRetryBeforeDelayedAndStampTheRetry) {
+// High priority comes first; the retry passes take retries before delayed
+// ones and keep the first delivery's time; a short buffer learns the length
+// it needs and the message waits.
+TEST_F(ReceiveTest, HighPriorityRetryPassesAndShortBuffers) {
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
     ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(Next(wm, 102, -1, -1, true), Code(M_NONE)); // nothing to retry: at once
-    EXPECT_LT(Seconds(t0), 0.5);
+    EXPECT_LT(Elapsed(t0), 0.5);
 
-    ASSERT_EQ(wmtest::RunChild([] { return SendAll(102, "ORDER", {"late", "soon"}); }), 0);
+    ASSERT_EQ(RunChild([] { return SendAll(102, "ORDER", {"late", "soon", "first"}, true); }), 0);
+    EXPECT_EQ(Next(wm, 102), "first");
+    EXPECT_LE(last.nMessageID, 0x00FFFFFFL); // high priority: the slot's ID
     ASSERT_EQ(Next(wm, 102), "late");
     const WorkMsg late = last; // "soon" has the next ID
     ASSERT_TRUE(Next(wm, 102) == "soon" && late.nTimePosted != 0);
-    // Another process hands them back, the older one delayed.
-    ASSERT_EQ(wmtest::RunChild([&] {
-                  CWorkMessages other;
+    ASSERT_EQ(RunChild([&] {
+                  CWorkMessages other; // hands them back, the older one delayed
                   return static_cast<int>(-other.Retry(102, late.nMessageID, true, 0x5A) -
                                           other.Retry(102, late.nMessageID + 1, false, 0x11));
               }),
               0);
     EXPECT_EQ(Next(wm, 102), Code(M_TIMEOUT)); // a normal receive no longer sees them
-
     // The first delivery's time is kept, whatever the slot holds by then.
     ASSERT_EQ(acc.GetPointers(), M_OK);
     acc.Queues()[acc.SearchMSGID(late.nMessageID)].nTimePosted = 1000;
     const time_t tRetry = time(nullptr);
     EXPECT_EQ(Next(wm, 102, -1, -1, true), "soon");
     EXPECT_EQ(last.nUserFlags, 0x11);
-    char buf[16] = "";
-    WorkMsg r = Msg(0, buf, sizeof(buf));
+    char buf[300];
+    memset(buf, 0xEE, sizeof(buf));
+    WorkMsg r = MsgTo(0, buf, 16);
     EXPECT_EQ(wm.Receive(102, 1, &r, true, nullptr), M_OK); // the same two passes
     EXPECT_STREQ(buf, "late");
     EXPECT_TRUE(r.nUserFlags == 0x5A && r.nTimePosted == 1000 && r.nTimeRetry >= tRetry);
     EXPECT_EQ(FileState(late.nMessageID), WQCF_Received);
-}
 
-TEST_F(ReceiveTest, TooSmallBufferGivesTheNeededLengthAndTheMessageWaits) {
-    CWorkMessages wm;
-    ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
     const std::string data(100, 'd');
-    ASSERT_EQ(wmtest::RunChild([&] { return SendAll(102, "ORDER", {data}); }), 0);
-    std::vector<char> buf(300, '\xEE');
-    WorkMsg r = Msg(0, buf.data(), 99), noBuf = Msg(0, nullptr, 500); // no buffer: capacity 0
+    ASSERT_EQ(RunChild([&] { return SendAll(102, "ORDER", {data, ""}); }), 0);
+    memset(buf, 0xEE, sizeof(buf));
+    r = MsgTo(0, buf, 99);
+    WorkMsg noBuf = MsgTo(0, nullptr, 500); // no buffer: capacity 0
     ASSERT_EQ(wm.Receive(102, 1, &r, false, nullptr), M_TOOBIG);
     EXPECT_TRUE(r.nDepDataLength == 100 && buf[0] == '\xEE');
     EXPECT_EQ(FileState(r.nMessageID), WQCF_Pending);
     ASSERT_EQ(wm.Receive(102, 1, &noBuf, false, nullptr), M_TOOBIG);
     EXPECT_TRUE(noBuf.nDepDataLength == 100 && noBuf.nMessageID == r.nMessageID);
-
-    r = Msg(0, buf.data(), 200);
+    r = MsgTo(0, buf, 200);
     ASSERT_EQ(wm.Receive(102, 1, &r, false, nullptr), M_OK);
     EXPECT_EQ(r.nDepDataLength, 200); // the capacity stays the caller's
-    EXPECT_EQ(std::string(buf.data(), 201), data + std::string(100, '\0') + '\xEE');
+    EXPECT_EQ(std::string(buf, 201), data + std::string(100, '\0') + '\xEE');
     EXPECT_EQ(FileState(r.nMessageID), WQCF_Received);
-    EXPECT_EQ(wm.Receive(102, 1, nullptr, false, nullptr), M_SYSERR);
-
     // A negative capacity is short of every message, one without data too.
-    ASSERT_EQ(wmtest::RunChild([&] { return SendAll(102, "ORDER", {""}); }), 0);
-    r = Msg(0, buf.data(), -1);
+    r = MsgTo(0, buf, -1);
     ASSERT_EQ(wm.Receive(102, 1, &r, false, nullptr), M_TOOBIG);
     EXPECT_EQ(r.nDepDataLength, 0);
     EXPECT_EQ(FileState(r.nMessageID), WQCF_Pending);
 }
 
-// A child that waits until a receiver sleeps on the wake-up word, then sends
+// In a child: waits until a receiver sleeps on the wake-up word, then sends
 // one message to 102 with its own setting of WM_WakeReceivers.
 pid_t SendToASleeper(const std::string& config, bool bWake) {
-    return wmtest::StartChild([config, bWake] {
+    return StartChild([config, bWake] {
         const std::string own = config + (bWake ? ".wake" : ".poll");
-        wmtest::WriteFile(own, wmtest::ReadFile(config) + (bWake ? "WM_WakeReceivers=true\n"
-                                                                 : "WM_WakeReceivers=false\n"));
+        WriteFile(own, ReadFile(config) +
+                           (bWake ? "WM_WakeReceivers=true\n" : "WM_WakeReceivers=false\n"));
         setenv("GDDA_CONFIG", own.c_str(), 1);
         CWorkMessages wm;
         CWorkMessagesTestAccess acc(wm);
@@ -239,20 +207,17 @@ TEST_F(ReceiveTest, AWaitingReceiverIsWokenBySendsOfProcessesWithTheKey) {
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     CWorkMessagesTestAccess acc(wm);
     ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
-
     // A sleep of ten seconds that only a wake-up can end early.
     pid_t child = SendToASleeper(configFile, true);
     acc.RecordCaller();
     EXPECT_LT(acc.WaitStep(10000000, acc.WakeSeq()), 5000000);
-    EXPECT_EQ(wmtest::WaitChild(child), 0);
+    EXPECT_EQ(WaitChild(child), 0);
     EXPECT_EQ(Next(wm, 102), "woken");
-
-    // Receives that wait: a sender with the key wakes them, one without it
-    // leaves the message to the receiver's next look.
+    // A sender without the key leaves the message to the receiver's next look.
     for (bool bWake : {true, false}) {
         child = SendToASleeper(configFile, bWake);
         EXPECT_EQ(Next(wm, 102, -1, -1, false, nullptr, 20), bWake ? "woken" : "found");
-        EXPECT_EQ(wmtest::WaitChild(child), 0);
+        EXPECT_EQ(WaitChild(child), 0);
     }
     EXPECT_EQ(acc.Controls()->Reserved[kCtlWakeWaiters], 0);
 }
@@ -260,55 +225,47 @@ TEST_F(ReceiveTest, AWaitingReceiverIsWokenBySendsOfProcessesWithTheKey) {
 TEST_F(ReceiveTest, WaitsAreCountedInStepsAndNeedARegistration) {
     WriteConfig("WM_Trace=true\n");
     // Sent before the receiver registers: queued all the same.
-    ASSERT_EQ(wmtest::RunChild([] { return SendAll(103, "INVOICE", {"x"}); }), 0);
+    ASSERT_EQ(RunChild([] { return SendAll(103, "INVOICE", {"x"}); }), 0);
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(Next(wm, 103), Code(M_ILSEQ));
-    EXPECT_LT(Seconds(t0), 0.5);                                // no registration: at once
+    EXPECT_LT(Elapsed(t0), 0.5);                                // no registration: at once
     ASSERT_EQ(wm.SetInput(103, "ALERT", nullptr, false), M_OK); // any type will do
-    WorkMsg r = Msg(0);
-    EXPECT_EQ(wm.Receive(103, 0, &r, false, nullptr), M_TIMEOUT); // never looks
-    EXPECT_EQ(wm.Receive(103, 0, &r, true, nullptr), M_TIMEOUT);  // no second pass
-    {
-        // Only the process lookup of the trace runs nested; the type lookup
-        // of the completion line shows the receive's own bInternalCall.
-        wmtest::StderrCapture cap;
-        EXPECT_EQ(Next(wm, 103), "x");
-        const std::string out = cap.Stop();
-        EXPECT_TRUE(std::regex_search(out, std::regex("GetUID entered [^\n]*=true")) &&
-                    std::regex_search(out, std::regex("Translate entered [^\n]*=false")) &&
-                    !std::regex_search(out, std::regex("Translate entered [^\n]*=true")))
-            << out;
-    }
+    EXPECT_EQ(Next(wm, 103, -1, -1, false, nullptr, 0), Code(M_TIMEOUT)); // never looks
+    EXPECT_EQ(Next(wm, 103, -1, -1, true, nullptr, 0), Code(M_TIMEOUT));  // no second pass
+    StderrCapture cap; // only the process lookup of the trace runs nested
+    EXPECT_EQ(Next(wm, 103), "x");
+    const std::string out = cap.Stop();
+    EXPECT_TRUE(std::regex_search(out, std::regex("GetUID entered [^\n]*=true")) &&
+                std::regex_search(out, std::regex("Translate entered [^\n]*=false")) &&
+                !std::regex_search(out, std::regex("Translate entered [^\n]*=true")))
+        << out;
 
-    wmtest::StderrCapture log;
+    StderrCapture log; // a wait of 1 s is four steps of 250 ms
     t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(Next(wm, 103), Code(M_TIMEOUT));
-    const double waited = Seconds(t0);
+    const double waited = Elapsed(t0);
     const std::string trace = log.Stop();
     const std::regex look("_GetNextMessage entered");
     EXPECT_EQ(std::distance(std::sregex_iterator(trace.begin(), trace.end(), look), {}), 4);
     EXPECT_TRUE(waited > 0.9 && waited < 2.0) << waited;
 
-    // A message sent by another process while the receiver waits without
-    // limit (any negative wait) arrives.
-    pid_t child =
-        wmtest::StartChild([] { return usleep(300000) | SendAll(103, "INVOICE", {"late"}); });
+    // A negative wait has no limit: another process's later message arrives.
+    pid_t child = StartChild([] { return usleep(300000) | SendAll(103, "INVOICE", {"late"}); });
     EXPECT_EQ(Next(wm, 103, -1, -1, false, nullptr, -5), "late");
-    EXPECT_EQ(wmtest::WaitChild(child), 0);
-
+    EXPECT_EQ(WaitChild(child), 0);
     // Another process removes the registrations while the receiver waits.
     const pid_t self = getpid();
-    child = wmtest::StartChild([self] {
+    child = StartChild([self] {
         CWorkMessages other;
         usleep(400000);
         return static_cast<int>(-other.UnsetInput(103, "ALLQ", self));
     });
     t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(Next(wm, 103, -1, -1, false, nullptr, 5), Code(M_ILSEQ));
-    EXPECT_LT(Seconds(t0), 2.0);
-    EXPECT_EQ(wmtest::WaitChild(child), 0);
+    EXPECT_LT(Elapsed(t0), 2.0);
+    EXPECT_EQ(WaitChild(child), 0);
     EXPECT_EQ(acc.LockOwner(), 0);
 }
 
