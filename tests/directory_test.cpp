@@ -141,17 +141,20 @@ TEST_F(DirectoryTest, LinesAreAcceptedOrRejectedOneByOne) {
     EXPECT_TRUE(error == M_SYSERR && Contains(text, "Error opening file: " + path() + "x")) << text;
 }
 
-TEST_F(DirectoryTest, LookupsFindTheFirstRowIgnoringCase) {
-    // 30 types: the table grows twice on the way and keeps every row.
-    std::string names = std::string(kDefaultNames) + "NAME=order,ID=9,DESC=dup name\n"
-                                                     "NAME=DUPID,ID=2,DESC=dup id\n";
+TEST_F(DirectoryTest, LookupsFindTheFirstRowAndNegativeNumbersAreNotUsed) {
+    // 30 types more: the table grows twice on the way and keeps every row.
+    std::string names = std::string(kDefaultNames) +
+                        "NAME=order,ID=9,DESC=dup name\n"
+                        "NAME=DUPID,ID=2,DESC=dup id\n"
+                        "NAME=NEG,ID=-3,DESC=n\nNAME=WILD,ID=-1,DESC=w\n";
     for (int i = 1; i <= 30; ++i)
         names += "NAME=T" + std::to_string(i) + ",ID=" + std::to_string(i * 10) + ",DESC=t\n";
     WriteFile(namesFile, names);
+    WriteFile(uidsFile, std::string(kDefaultUIDs) + "NAME=PNEG,ID=-100,MSGID=Y,DESC=p\n");
     CWorkMessages wm, holder;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     CWorkMessagesTestAccess acc(wm);
-    ASSERT_EQ(acc.Controls()->nQNameCount, 36);
+    ASSERT_EQ(acc.Controls()->nQNameCount, 38);
     char desc[40];
     for (int i = 1; i <= 30; ++i) {
         EXPECT_EQ(wm.Translate(("t" + std::to_string(i)).c_str()), i * 10);
@@ -182,23 +185,8 @@ TEST_F(DirectoryTest, LookupsFindTheFirstRowIgnoringCase) {
     // the search.
     acc.Controls()->nQNameCount = 1;
     EXPECT_EQ(wm.Translate("INVOICE"), M_NAME);
-    acc.Controls()->nQNameCount = 36;
+    acc.Controls()->nQNameCount = 38;
 
-    // GetUID waits for the Controls lock.
-    CWorkMessagesTestAccess hacc(holder);
-    hacc.RecordCaller();
-    ASSERT_TRUE(hacc.GetControlsLock(1));
-    EXPECT_TRUE(wm.GetUID("PROCA", nullptr) == M_LOCK && wm.GetUID(101, nullptr) == AsText(M_LOCK));
-    EXPECT_EQ(acc.LockOwner(), hacc.CallerTID()); // nobody released the holder's lock
-    hacc.FreeControlsLock(true);
-}
-
-TEST_F(DirectoryTest, NegativeNumbersAreReturnedButNotUsed) {
-    WriteFile(namesFile, std::string(kDefaultNames) + "NAME=NEG,ID=-3,DESC=n\n"
-                                                      "NAME=WILD,ID=-1,DESC=w\n");
-    WriteFile(uidsFile, std::string(kDefaultUIDs) + "NAME=PNEG,ID=-100,MSGID=Y,DESC=p\n");
-    CWorkMessages wm;
-    ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     SendText(wm, 101, "ORDER", 102);
     EXPECT_TRUE(wm.Translate("neg") == -3 && wm.GetUID("pneg", nullptr) == -100);
 
@@ -225,4 +213,12 @@ TEST_F(DirectoryTest, NegativeNumbersAreReturnedButNotUsed) {
     __GET_COUNTERS__ENTRY2 states{};
     ASSERT_EQ(wm.GetCounters(&states), M_OK);
     EXPECT_EQ(states.Counter[WQCF_Pending], 1) << "nothing was sent or deleted";
+
+    // GetUID waits for the Controls lock.
+    CWorkMessagesTestAccess hacc(holder);
+    hacc.RecordCaller();
+    ASSERT_TRUE(hacc.GetControlsLock(1));
+    EXPECT_TRUE(wm.GetUID("PROCA", nullptr) == M_LOCK && wm.GetUID(101, nullptr) == AsText(M_LOCK));
+    EXPECT_EQ(acc.LockOwner(), hacc.CallerTID()); // nobody released the holder's lock
+    hacc.FreeControlsLock(true);
 }

@@ -46,7 +46,7 @@ long TakeControls(CWorkMessages& wm) {
 class LocksTest : public WmTest {};
 
 // Every thread and every forked child records its own IDs; only the owning
-// thread releases a lock, and a failure releases both.
+// thread releases a lock, a failure releases both, and long holds are logged.
 TEST_F(LocksTest, LocksBelongToTheThreadThatRecordedItself) {
     CWorkMessages wm, wm2;
     ASSERT_TRUE(wm.nLastError == 0 && wm2.nLastError == 0) << wm.szErrorMsg;
@@ -106,6 +106,25 @@ TEST_F(LocksTest, LocksBelongToTheThreadThatRecordedItself) {
     EXPECT_EQ(strlen(wm.szErrorMsg), 511u);
     // The outer return detaches the segments.
     EXPECT_TRUE(acc.Return(M_OK) == M_OK && !acc.Queues() && !acc.PRLs());
+
+    // Holds of 5 s or more are reported, at most ten times per object.
+    acc.RecordCaller();
+    auto holdFor = [&](long seconds) {
+        StderrCapture cap;
+        EXPECT_TRUE(acc.GetControlsLock(1));
+        acc.AcquiredMutex() = time(nullptr) - seconds;
+        acc.FreeControlsLock(true);
+        return cap.Stop();
+    };
+    EXPECT_TRUE(!Contains(holdFor(4), "held") && acc.WhineCount() == 0);
+    const std::string out = holdFor(6);
+    EXPECT_TRUE(Contains(out, std::to_string(getpid()) + " held 6 s. count 1: ") &&
+                Contains(out, "Backtrace: "))
+        << out;
+    for (int i = 0; i < 12; ++i)
+        holdFor(5);
+    EXPECT_EQ(acc.WhineCount(), 10);
+    EXPECT_FALSE(Contains(holdFor(7), "held"));
 }
 
 // Polled or blocking: a busy lock times out naming its owner, even a dead
@@ -168,28 +187,6 @@ TEST_F(LocksTest, ABusyLockTimesOutNamingTheOwnerOrIsHandedOver) {
         EXPECT_FALSE(acc.GetControlsLock(1));
         EXPECT_TRUE(Contains(wm.szErrorMsg, "Current owner=" + std::to_string(held)));
     }
-}
-
-TEST_F(LocksTest, LongHoldsAreReportedAtMostTenTimesWithABacktrace) {
-    CWorkMessages wm;
-    CWorkMessagesTestAccess acc(wm);
-    acc.RecordCaller();
-    auto holdFor = [&](long seconds) {
-        StderrCapture cap;
-        EXPECT_TRUE(acc.GetControlsLock(1));
-        acc.AcquiredMutex() = time(nullptr) - seconds;
-        acc.FreeControlsLock(true);
-        return cap.Stop();
-    };
-    EXPECT_TRUE(!Contains(holdFor(4), "held") && acc.WhineCount() == 0);
-    const std::string out = holdFor(6);
-    EXPECT_TRUE(Contains(out, std::to_string(getpid()) + " held 6 s. count 1: ") &&
-                Contains(out, "Backtrace: "))
-        << out;
-    for (int i = 0; i < 12; ++i)
-        holdFor(5);
-    EXPECT_EQ(acc.WhineCount(), 10);
-    EXPECT_FALSE(Contains(holdFor(7), "held"));
 }
 
 TEST_F(LocksTest, ConstructorLockHeldElsewhereFailsConstructionNamingTheHolder) {
