@@ -184,39 +184,39 @@ TEST_F(ReceiveTest, HighPriorityRetryPassesAndShortBuffers) {
     EXPECT_EQ(FileState(r.nMessageID), WQCF_Pending);
 }
 
-// In a child: waits until a receiver sleeps on the wake-up word, then sends
-// one message to 102 with its own setting of WM_WakeReceivers.
-pid_t SendToASleeper(const std::string& config, bool bWake) {
-    return StartChild([config, bWake] {
-        const std::string own = config + (bWake ? ".wake" : ".poll");
-        WriteFile(own, ReadFile(config) +
-                           (bWake ? "WM_WakeReceivers=true\n" : "WM_WakeReceivers=false\n"));
-        setenv("GDDA_CONFIG", own.c_str(), 1);
+// In a child configured by config: waits until a receiver sleeps on the
+// wake-up word, then sends text to 102.
+pid_t SendToASleeper(const std::string& config, const char* text) {
+    return StartChild([config, text] {
+        setenv("GDDA_CONFIG", config.c_str(), 1);
         CWorkMessages wm;
         CWorkMessagesTestAccess acc(wm);
         const int32_t* waiters = &acc.Controls()->Reserved[kCtlWakeWaiters];
         for (int i = 0; i < 20000 && __atomic_load_n(waiters, __ATOMIC_SEQ_CST) == 0; ++i)
             usleep(1000);
-        return SendAll(102, "ORDER", {bWake ? "woken" : "found"});
+        return SendAll(102, "ORDER", {text});
     });
 }
 
 TEST_F(ReceiveTest, AWaitingReceiverIsWokenBySendsOfProcessesWithTheKey) {
+    const std::string poll = configFile + ".poll"; // a sender without the key
+    WriteFile(poll, ReadFile(configFile) + "WM_WakeReceivers=false\n");
     WriteConfig("WM_WakeReceivers=true\n");
     CWorkMessages wm;
     ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
     CWorkMessagesTestAccess acc(wm);
     ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
     // A sleep of ten seconds that only a wake-up can end early.
-    pid_t child = SendToASleeper(configFile, true);
+    pid_t child = SendToASleeper(configFile, "woken");
     acc.RecordCaller();
     EXPECT_LT(acc.WaitStep(10000000, acc.WakeSeq()), 5000000);
     EXPECT_EQ(WaitChild(child), 0);
     EXPECT_EQ(Next(wm, 102), "woken");
-    // A sender without the key leaves the message to the receiver's next look.
-    for (bool bWake : {true, false}) {
-        child = SendToASleeper(configFile, bWake);
-        EXPECT_EQ(Next(wm, 102, -1, -1, false, nullptr, 20), bWake ? "woken" : "found");
+    // A receive that waits is woken, or finds the message of a sender
+    // without the key at its next look.
+    for (const std::string& config : {configFile, poll}) {
+        child = SendToASleeper(config, "sent");
+        EXPECT_EQ(Next(wm, 102, -1, -1, false, nullptr, 20), "sent") << config;
         EXPECT_EQ(WaitChild(child), 0);
     }
     EXPECT_EQ(acc.Controls()->Reserved[kCtlWakeWaiters], 0);
