@@ -1,31 +1,36 @@
 // The workload driver of the load and crash tests: message data that proves
 // who sent it and that it arrived whole, logs that survive a SIGKILL of their
-// writer, the send and receive loops that write them, and the check of what
-// the logs say against what was sent.
+// writer, the send and receive loops that write them, workers as processes or
+// threads, the load exchange itself, and the check of what the logs and the
+// tables say against what was sent.
 //
 // Every message's data is derived from (sender UID, sequence number, length):
 // from 16 bytes on it starts with a header naming sender, sequence and length
 // and a checksum of the rest. A receive yields the whole 8192-byte block (the
 // data, then zeros), so its checksum also proves the length. A record is
 // logged with one write(2) to an O_APPEND file right after the operation
-// returned: a process killed later leaves it whole, one killed earlier
-// leaves none.
+// returned: a process killed later leaves it whole, one killed earlier none.
 #ifndef WM_TEST_WORKLOAD_H
 #define WM_TEST_WORKLOAD_H
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <map>
+#include <memory>
+#include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "TestAccess.h"
 #include "TestEnv.h"
 #include "WorkMessages.h"
 
@@ -87,20 +92,13 @@ inline bool ReadHeader(const char* block, int32_t* nSender, int32_t* nSeq) {
     return true;
 }
 
-class AppendLog {
-public:
-    explicit AppendLog(const std::string& path)
-        : fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644)) {}
-    ~AppendLog() {
-        if (fd >= 0) close(fd);
-    }
-    AppendLog(const AppendLog&) = delete;
-    AppendLog& operator=(const AppendLog&) = delete;
-    bool Write(const LogRecord& r) { return write(fd, &r, sizeof(r)) == sizeof(r); }
-
-private:
-    int fd;
-};
+// Appends the record with one write(2).
+inline bool AppendRecord(const std::string& path, const LogRecord& r) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const bool ok = fd >= 0 && write(fd, &r, sizeof(r)) == sizeof(r);
+    if (fd >= 0) close(fd);
+    return ok;
+}
 
 inline std::vector<LogRecord> ReadLog(const std::string& path) {
     const std::string s = ReadFile(path);
@@ -109,70 +107,56 @@ inline std::vector<LogRecord> ReadLog(const std::string& path) {
     return out;
 }
 
-// True once the write end of the pipe fd reads from is closed everywhere.
-inline bool Closed(int fd) {
-    struct pollfd p = {fd, POLLIN, 0};
-    return poll(&p, 1, 0) == 1;
-}
-
 inline std::string Failure(const char* what, long rc, const CWorkMessages& wm) {
     return std::string(what) + " " + std::to_string(rc) + ": " + wm.szErrorMsg;
 }
 
+inline int32_t KeyOf(long nMessageID) {
+    return static_cast<int32_t>(nMessageID & 0x00FFFFFF);
+}
+
 // Sends message nSeq of nSender and logs it once it is queued (M_OK or
 // M_NOTACT). Returns Send's code.
-inline long SendLogged(CWorkMessages& wm, AppendLog& log, int32_t nSender, int32_t nSeq,
+inline long SendLogged(CWorkMessages& wm, const std::string& strLog, int32_t nSender, int32_t nSeq,
                        int32_t nTarget, const char* szType, int32_t nLength, bool bHigh,
                        char* block) {
     const uint32_t nCrc = MakeData(nSender, nSeq, nLength, block);
-    WorkMsg m;
-    memset(&m, 0, sizeof(m));
+    WorkMsg m = {};
     m.nTargetUID = nTarget;
     m.pDepData = block;
     m.nDepDataLength = nLength;
     const long rc = wm.Send(nSender, szType, &m, bHigh);
-    if (rc == M_OK || rc == M_NOTACT) {
-        const LogRecord r = {nSender,
-                             static_cast<int32_t>(m.nMessageID & 0x00FFFFFF),
-                             nSender,
-                             nSeq,
-                             static_cast<int32_t>(m.nMsgNo),
-                             bHigh,
-                             nCrc,
-                             nTarget};
-        if (!log.Write(r)) return M_SYSERR;
-    }
-    return rc;
+    const LogRecord r = {
+        nSender, KeyOf(m.nMessageID), nSender, nSeq, int32_t(m.nMsgNo), bHigh, nCrc, nTarget};
+    return (rc == M_OK || rc == M_NOTACT) && !AppendRecord(strLog, r) ? long(M_SYSERR) : rc;
 }
 
 // Receives the next message of nUID (one put back for retry with bRetry),
 // logs it and deletes it. Returns the first failed step's code, or M_LOGIC
 // with *fault set when the data is damaged.
-inline long ReceiveLogged(CWorkMessages& wm, AppendLog& log, int32_t nUID, long nWait, char* block,
-                          std::string* fault, bool bRetry = false) {
+inline long ReceiveLogged(CWorkMessages& wm, const std::string& strLog, int32_t nUID, long nWait,
+                          char* block, std::string* fault, bool bRetry = false) {
     memset(block, 0, kBlock);
-    WorkMsg m;
-    memset(&m, 0, sizeof(m));
+    WorkMsg m = {};
     m.pDepData = block;
     m.nDepDataLength = kBlock;
-    long rc = wm.Receive(nUID, nWait, &m, bRetry, nullptr);
+    const long rc = wm.Receive(nUID, nWait, &m, bRetry, nullptr);
     if (rc != M_OK) return rc;
     LogRecord r = {nUID,
-                   static_cast<int32_t>(m.nMessageID & 0x00FFFFFF),
-                   static_cast<int32_t>(m.nSenderUID),
+                   KeyOf(m.nMessageID),
+                   int32_t(m.nSenderUID),
                    -1,
-                   static_cast<int32_t>(m.nMsgNo),
+                   int32_t(m.nMsgNo),
                    m.nMessageID < 0x01000000,
                    Checksum(block, kBlock),
-                   static_cast<int32_t>(m.nTargetUID)};
+                   int32_t(m.nTargetUID)};
     int32_t nSender = 0;
     if (ReadHeader(block, &nSender, &r.nSeq) && nSender != r.nSender) {
         *fault = "message " + std::to_string(m.nMessageID) + " from " + std::to_string(r.nSender) +
                  " carries the data of " + std::to_string(nSender);
         return M_LOGIC;
     }
-    if (!log.Write(r)) return M_SYSERR;
-    return wm.Delete(nUID, m.nMessageID);
+    return AppendRecord(strLog, r) ? wm.Delete(nUID, m.nMessageID) : long(M_SYSERR);
 }
 
 // What a sender sends as message nSeq; a function of the sequence number, so
@@ -184,19 +168,18 @@ struct Planned {
     bool bHigh;
 };
 
-// Sends nSender's messages nFirst, nFirst + 1, ... up to nEnd as planned,
-// logging each, pausing nPauseUsecs after each; stops early once fdStop (if
-// not -1) is closed. "" or the first fault.
+// Sends nSender's messages nFirst up to nEnd as planned, logging each and
+// pausing nPauseUsecs after each, until the file strStop (if not "") exists.
+// "" or the first fault.
 inline std::string SendMany(CWorkMessages& wm, const std::string& strLog, int32_t nSender,
-                            int32_t nFirst, int32_t nEnd, int fdStop,
+                            int32_t nFirst, int32_t nEnd, const std::string& strStop,
                             const std::function<Planned(int32_t)>& plan,
                             useconds_t nPauseUsecs = 0) {
-    AppendLog log(strLog);
     std::vector<char> block(kBlock);
-    for (int32_t seq = nFirst; seq < nEnd && (fdStop < 0 || !Closed(fdStop)); ++seq) {
+    for (int32_t seq = nFirst; seq < nEnd && (strStop.empty() || !FileExists(strStop)); ++seq) {
         const Planned p = plan(seq);
-        const long rc = SendLogged(wm, log, nSender, seq, p.nTarget, p.szType, p.nLength, p.bHigh,
-                                   block.data());
+        const long rc = SendLogged(wm, strLog, nSender, seq, p.nTarget, p.szType, p.nLength,
+                                   p.bHigh, block.data());
         if (rc != M_OK && rc != M_NOTACT) return Failure("Send", rc, wm);
         if (nPauseUsecs > 0) usleep(nPauseUsecs);
     }
@@ -204,18 +187,16 @@ inline std::string SendMany(CWorkMessages& wm, const std::string& strLog, int32_
 }
 
 // Receives, logs and deletes nUID's messages, waiting nWait seconds each,
-// until nCount have come; with fdStop (not -1), until it is closed and a
-// receive finds nothing. Without fdStop ten empty receives in a row are a
-// fault. "" or the first fault.
+// until nCount have come; with strStop, until that file exists and a receive
+// finds nothing. Without it ten empty receives in a row are a fault.
 inline std::string ReceiveMany(CWorkMessages& wm, const std::string& strLog, int32_t nUID,
-                               long nCount, long nWait, int fdStop) {
-    AppendLog log(strLog);
+                               long nCount, long nWait, const std::string& strStop) {
     std::vector<char> block(kBlock);
     std::string fault;
     for (long got = 0, idle = 0; got < nCount;) {
-        const long rc = ReceiveLogged(wm, log, nUID, nWait, block.data(), &fault);
-        if (rc == M_TIMEOUT && fdStop >= 0 && Closed(fdStop)) break;
-        if (rc == M_TIMEOUT && (fdStop >= 0 || ++idle < 10)) continue;
+        const long rc = ReceiveLogged(wm, strLog, nUID, nWait, block.data(), &fault);
+        if (rc == M_TIMEOUT && !strStop.empty() && FileExists(strStop)) break;
+        if (rc == M_TIMEOUT && (!strStop.empty() || ++idle < 10)) continue;
         if (rc != M_OK)
             return fault.empty() ? Failure("receive", rc, wm) + " after " + std::to_string(got)
                                  : fault;
@@ -223,6 +204,104 @@ inline std::string ReceiveMany(CWorkMessages& wm, const std::string& strLog, int
     }
     return "";
 }
+
+// What the control table holds: key -> state, and sender and sequence from
+// the message's data (0 and -1 when it has none).
+struct Stored {
+    int nState;
+    int32_t nSender, nSeq;
+};
+inline std::map<int32_t, Stored> TableContents(CWorkMessages& wm) {
+    CWorkMessagesTestAccess acc(wm);
+    std::map<int32_t, Stored> out;
+    if (acc.GetPointers() != M_OK) return out;
+    for (long i = 0; i < acc.Controls()->nQSlotCount; ++i) {
+        const _WQCF_ slot = acc.Queues()[i];
+        if (slot.nflag == WQCF_Available) continue;
+        Stored s = {slot.nflag, 0, -1};
+        if (pByteInt data = slot.nDepDataSlot < 0 ? nullptr : acc.ReadWDDF(slot.nDepDataSlot)) {
+            ReadHeader(reinterpret_cast<const char*>(data), &s.nSender, &s.nSeq);
+            free(data);
+        }
+        out[slot.nMessageID & 0x00FFFFFF] = s;
+    }
+    acc.Return(M_OK);
+    return out;
+}
+
+// The tables equal the two files: the header's slot count and message
+// counter, every control slot (one past the file's end is free), the data
+// slot table.
+inline void ExpectTablesEqualFiles(CWorkMessages& wm, const std::string& strControlFile,
+                                   const std::string& strDataFile) {
+    CWorkMessagesTestAccess acc(wm);
+    ASSERT_EQ(acc.GetPointers(), M_OK);
+    const std::string control = ReadFile(strControlFile), data = ReadFile(strDataFile);
+    const _SM_Controls_& ctl = *acc.Controls();
+    EXPECT_EQ(ImageHeader(control).nEntriesAllocated, ctl.nQSlotCount);
+    EXPECT_EQ(ImageHeader(control).nCurrentMsgID, ctl.nMsgCounter);
+    EXPECT_LE(control.size(), sizeof(_WQCF_) * (ctl.nQSlotCount + 1));
+    long nDiffer = 0;
+    for (long i = 0; i < ctl.nQSlotCount; ++i) {
+        _WQCF_ stored = {};
+        if (control.size() >= sizeof(_WQCF_) * (i + 2)) stored = ImageSlot(control, i);
+        nDiffer += memcmp(&stored, &acc.Queues()[i], sizeof(_WQCF_)) != 0;
+    }
+    EXPECT_EQ(nDiffer, 0) << "control slots unlike the file's";
+    EXPECT_TRUE(data.size() >= size_t(kBlock) && data.size() % kBlock == 0) << data.size();
+    EXPECT_EQ(memcmp(data.data(), acc.SAT(), std::min(data.size(), size_t(kBlock))), 0);
+    acc.Return(M_OK);
+}
+
+// Workers as forked processes or as threads of this process; each returns ""
+// or its first fault, and a process that dies is a fault too. A thread's
+// object is made and destroyed here, not in the thread: every object maps the
+// segments at addresses of its own, and a thread sanitizer cannot tell that
+// an address one mapping freed and another reused names other memory.
+class Crew {
+public:
+    Crew(bool threads, std::string prefix) : bThreads(threads), strPrefix(std::move(prefix)) {}
+    ~Crew() { Wait(); }
+    void Start(const std::function<std::string(CWorkMessages&)>& fn) {
+        auto run = [fn](CWorkMessages& wm) {
+            return wm.nLastError != 0 ? Failure("construction", wm.nLastError, wm) : fn(wm);
+        };
+        std::string& fault = deqFaults.emplace_back();
+        if (bThreads) {
+            CWorkMessages& wm = *vecObjects.emplace_back(new CWorkMessages);
+            vecThreads.emplace_back([run, &wm, &fault] { fault = run(wm); });
+            return;
+        }
+        const std::string file = strPrefix + std::to_string(deqFaults.size());
+        vecPids.push_back(StartChild([run, file] {
+            CWorkMessages wm;
+            const std::string text = run(wm);
+            WriteFile(file, text);
+            return text.empty() ? 0 : 1;
+        }));
+    }
+    std::vector<std::string> Wait() {
+        for (std::thread& t : vecThreads)
+            t.join();
+        vecThreads.clear();
+        vecObjects.clear();
+        for (size_t n = 0; n < vecPids.size(); ++n) {
+            const int rc = WaitChild(vecPids[n]);
+            deqFaults[n] = ReadFile(strPrefix + std::to_string(n + 1));
+            if (rc != 0 && deqFaults[n].empty()) deqFaults[n] = "exit " + std::to_string(rc);
+        }
+        vecPids.clear();
+        return {deqFaults.begin(), deqFaults.end()};
+    }
+
+private:
+    bool bThreads;
+    std::string strPrefix;
+    std::deque<std::string> deqFaults; // stays in place while threads write it
+    std::vector<std::unique_ptr<CWorkMessages>> vecObjects;
+    std::vector<std::thread> vecThreads;
+    std::vector<pid_t> vecPids;
+};
 
 // The delivery as the logs tell it: no ID sent twice; every message received
 // at most once, whole, by its target, with its sender, type and priority; on
@@ -258,14 +337,29 @@ public:
         }
         return log.size();
     }
+    // What the table still holds: only messages taken by a receiver killed
+    // before it deleted them, whole, each as sent (or allowed unlogged).
+    void Left(CWorkMessages& wm) {
+        for (const auto& [nKey, s] : TableContents(wm)) {
+            const LogRecord r = {0, nKey, s.nSender, s.nSeq, 0, 0, 0, 0};
+            Check(s.nState == WQCF_Received, r, "left unreceived");
+            const auto it = sent.find(nKey);
+            if (received.count(nKey) == 0)
+                Check(it != sent.end()
+                          ? it->second.nSender == s.nSender && it->second.nSeq == s.nSeq
+                          : unlogged && unlogged(nKey, s.nSender, s.nSeq),
+                      r, "never sent");
+            left.insert(nKey);
+        }
+    }
     // Every message sent was received or is among those left.
-    void NoneLost(const std::set<int32_t>& left = {}) {
+    void NoneLost() {
         for (const auto& [nKey, s] : sent)
             Check(received.count(nKey) == 1 || left.count(nKey) == 1, s, "lost");
     }
     std::function<bool(int32_t nKey, int32_t nSender, int32_t nSeq)> unlogged;
     std::map<int32_t, LogRecord> sent;
-    std::set<int32_t> received;
+    std::set<int32_t> received, left;
     int nFaults = 0; // the first five are reported
 
 private:
@@ -273,6 +367,98 @@ private:
         if (!ok && ++nFaults <= 5)
             ADD_FAILURE() << what << ": key " << r.nKey << " sender " << r.nSender << " seq "
                           << r.nSeq << " at " << r.nWho;
+    }
+};
+
+// The load: four senders and four receivers, as processes or as threads with
+// an object each, exchange messages of random types, sizes and priorities.
+// Each sender's first burst (1,600 queued before any receive) grows the
+// control table past its 512 slots, and a churn worker constructs objects and
+// registers 160 entries (the registry grows past its 128) while they work.
+// Every message arrives exactly once, whole, at its target, in order for an
+// oldest-first receiver; afterwards the tables and both files hold nothing.
+class StressTest : public WmTest {
+protected:
+    static constexpr int kPairs = 4;
+    static constexpr int32_t kSenderUID = 301, kReceiverUID = 401; // the last takes newest first
+    void Exchange(bool bThreads, int nPerSender) {
+        // Nine workers poll one lock busy nearly all the time: a wait of the
+        // fixture's second can pass without a free moment (the README's limits).
+        WriteConfig("WM_Timeout_Secs=30\n");
+        static const char* const kTypes[] = {"ORDER", "INVOICE", "REPORT", "ALERT"};
+        std::mt19937 rng(20261123);
+        std::vector<std::vector<Planned>> plan(kPairs);
+        std::vector<long> expected(kPairs, 0);
+        for (auto& messages : plan)
+            for (int k = 0; k < nPerSender; ++k) {
+                messages.push_back({kReceiverUID + static_cast<int32_t>(rng() % kPairs),
+                                    kTypes[rng() % 4], static_cast<int32_t>(rng() % (kBlock + 1)),
+                                    rng() % 8 == 0});
+                ++expected[messages.back().nTarget - kReceiverUID];
+            }
+        CWorkMessages wm; // keeps the shared state for the final look
+        ASSERT_EQ(wm.nLastError, 0) << wm.szErrorMsg;
+        const std::string stop = root + "/stop";
+        Crew churn(bThreads, root + "/fault.churn."), burst(bThreads, root + "/fault.burst."),
+            work(bThreads, root + "/fault.work.");
+        churn.Start([&](CWorkMessages&) -> std::string {
+            for (int n = 0; n < 160 || !FileExists(stop); ++n) {
+                CWorkMessages o;
+                const long rc = o.nLastError != 0 ? o.nLastError
+                                : n < 160 ? o.SetInput(501 + n / 4, kTypes[n % 4], nullptr, false)
+                                          : o.TargetActive(501, -1);
+                if (rc != M_OK) return Failure("churn", rc, o);
+            }
+            return "";
+        });
+        auto sender = [&](int i, int nFirst, int nEnd) {
+            return [&, i, nFirst, nEnd](CWorkMessages& o) {
+                return SendMany(o, root + "/sent." + std::to_string(i), kSenderUID + i, nFirst,
+                                nEnd, "", [&](int32_t k) { return plan[i][k]; });
+            };
+        };
+        const int nBurst = std::min(400, nPerSender);
+        for (int i = 0; i < kPairs; ++i)
+            burst.Start(sender(i, 0, nBurst));
+        std::vector<std::string> faults = burst.Wait();
+        for (int j = 0; j < kPairs; ++j)
+            work.Start([&, j](CWorkMessages& o) -> std::string {
+                for (const char* type : kTypes)
+                    if (o.SetInput(kReceiverUID + j, type, nullptr, j == kPairs - 1) != M_OK)
+                        return Failure("SetInput", 0, o);
+                return ReceiveMany(o, root + "/recv." + std::to_string(j), kReceiverUID + j,
+                                   expected[j], 2, "");
+            });
+        for (int i = 0; i < kPairs; ++i)
+            work.Start(sender(i, nBurst, nPerSender));
+        for (const std::string& f : work.Wait())
+            faults.push_back(f);
+        WriteFile(stop, "");
+        faults.push_back(churn.Wait().at(0));
+        for (size_t n = 0; n < faults.size(); ++n)
+            EXPECT_EQ(faults[n], "") << "worker " << n;
+
+        Delivery d;
+        for (int i = 0; i < kPairs; ++i)
+            d.Sent(root + "/sent." + std::to_string(i));
+        for (int j = 0; j < kPairs; ++j)
+            EXPECT_EQ(d.Received(root + "/recv." + std::to_string(j), j != kPairs - 1),
+                      static_cast<size_t>(expected[j]))
+                << "receiver " << j;
+        d.NoneLost();
+        EXPECT_EQ(d.nFaults, 0);
+        CheckEmpty(wm);
+    }
+    // The tables and both files hold nothing and agree; the control table and
+    // the registry grew on the way.
+    void CheckEmpty(CWorkMessages& wm) {
+        EXPECT_TRUE(TableContents(wm).empty()) << "slots still in use";
+        ExpectTablesEqualFiles(wm, wqcfFile, wddfFile);
+        const std::string wddf = ReadFile(wddfFile);
+        EXPECT_EQ(wddf.find_first_not_of('\0'), std::string::npos) << "data slots still in use";
+        const _SM_Controls_& ctl = *CWorkMessagesTestAccess(wm).Controls();
+        EXPECT_GT(ctl.nQSlotCount, 512);
+        EXPECT_GT(ctl.nPRLSlotCount, 128);
     }
 };
 
