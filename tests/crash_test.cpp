@@ -238,7 +238,7 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
     // A message without a record is allowed only as the last one of a killed
     // sender's life: the kill came between Send's return and the record.
     std::set<std::pair<int32_t, int32_t>> extras;
-    d.unlogged = [&](int32_t, int32_t nSender, int32_t nSeq) {
+    d.unlogged = [&](int32_t nSender, int32_t nSeq) {
         const int32_t nLife = nSeq / kSeqsPerLife;
         const auto last = lastSeq.find({nSender, nLife});
         const int32_t nNext = last == lastSeq.end() ? nLife * kSeqsPerLife : last->second + 1;
@@ -274,10 +274,19 @@ TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {
     // (5 delayed), 3 kept received; then 1 and 2 (high) pending for 402, 6
     // pending for 401.
     const std::string sent = root + "/log.301";
-    std::vector<char> block(kBlock);
+    const Planned plan[] = {{},
+                            {402, "INVOICE", 5000, false},
+                            {402, "REPORT", kBlock, true},
+                            {402, "ORDER", 300, false},
+                            {402, "ORDER", 400, false},
+                            {402, "ORDER", 500, false},
+                            {401, "ALERT", 16, false}};
+    auto send = [&](int32_t nFirst, int32_t nEnd) {
+        return SendMany(*wm, sent, 301, nFirst, nEnd, "", [&](int32_t k) { return plan[k]; });
+    };
     ASSERT_EQ(wm->SetInput(402, "ORDER", nullptr, false), M_OK);
-    for (int32_t seq : {3, 4, 5})
-        SendLogged(*wm, sent, 301, seq, 402, "ORDER", 100 * seq, false, block.data());
+    ASSERT_EQ(send(3, 6), "");
+    std::vector<char> block(kBlock);
     WorkMsg m = {};
     for (int n = 0; n < 3; ++n) {
         m.pDepData = block.data();
@@ -287,9 +296,7 @@ TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {
             ASSERT_EQ(wm->Retry(402, m.nMessageID, n == 2, 0), M_OK) << wm->szErrorMsg;
         }
     }
-    SendLogged(*wm, sent, 301, 1, 402, "INVOICE", 5000, false, block.data());
-    SendLogged(*wm, sent, 301, 2, 402, "REPORT", kBlock, true, block.data());
-    SendLogged(*wm, sent, 301, 6, 401, "ALERT", 16, false, block.data());
+    ASSERT_EQ(send(1, 3) + send(6, 7), "");
     std::string held;
     const pid_t pidOwner = StartParked([] { return ReceiveInsideTheLock(401, false); }, &held);
     ASSERT_EQ(held, "lock");
