@@ -161,15 +161,12 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
         pid_t pid;
     };
     std::vector<Worker> workers = {{301, 0, 0}, {302, 0, 0}, {401, 0, 0}, {402, 0, 0}};
-    auto faultFile = [&](const Worker& w) {
-        return root + "/fault." + std::to_string(w.nUID) + "." + std::to_string(w.nLife);
-    };
     auto stopFile = [&](int32_t nUID) { return root + (nUID < 400 ? "/stop.send" : "/stop.recv"); };
-    auto start = [&](Worker& w) {
+    auto start = [&](Worker& w) { // a fault goes to standard error
         w.pid = StartChild([&] {
             const std::string fault =
                 Life(w.nUID, w.nLife, stopFile(w.nUID), root + "/log." + std::to_string(w.nUID));
-            WriteFile(faultFile(w), fault);
+            fprintf(stderr, "%s%s", fault.c_str(), fault.empty() ? "" : "\n");
             return fault.empty() ? 0 : 1;
         });
     };
@@ -202,7 +199,7 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
         }
         if (nKilled == 0) continue;
         if (bInside && nKilled > 0) ++nInside;
-        if (nKilled < 0) ADD_FAILURE() << "worker ended by itself: " << ReadFile(faultFile(w));
+        EXPECT_GT(nKilled, 0) << "worker " << w.nUID << " ended by itself";
         killed.insert({w.nUID, w.nLife});
         ++w.nLife;
         start(w);
@@ -214,7 +211,7 @@ void CrashTest::KillAndRestartWorkers(bool bInsideToo) {
         WriteFile(stopFile(nKind), "");
         for (Worker& w : workers)
             if ((w.nUID < 400) == (nKind < 400)) {
-                EXPECT_EQ(WaitChild(w.pid), 0) << ReadFile(faultFile(w));
+                EXPECT_EQ(WaitChild(w.pid), 0) << w.nUID;
             }
     }
     // Every kill inside the lock was recovered from by the next holder (one
