@@ -220,10 +220,11 @@ inline void ExpectTablesEqualFiles(CWorkMessages& wm, const std::string& strCont
 }
 
 // Workers as forked processes (a fault goes to standard error) or as
-// threads of this process; each returns "" or its first fault. A thread's
-// object is made and destroyed here, not in the thread: every object maps the
-// segments at addresses of its own, and a thread sanitizer cannot tell that
-// an address one mapping freed and another reused names other memory.
+// threads of this process; each returns "" or its first fault. Threads start
+// at Go, and their objects are made by Start and destroyed with the Crew,
+// never while a thread runs: every object maps the segments at addresses of
+// its own, and a thread sanitizer cannot tell that an address one mapping
+// freed and another reused names other memory.
 class Crew {
 public:
     explicit Crew(bool threads) : bThreads(threads) {}
@@ -243,14 +244,19 @@ public:
             return;
         }
         CWorkMessages& wm = *vecObjects.emplace_back(new CWorkMessages);
-        vecThreads.emplace_back([run, &wm, &fault] { fault = run(wm); });
+        vecPending.push_back([run, &wm, &fault] { fault = run(wm); });
+    }
+    void Go() {
+        for (auto& fn : vecPending)
+            vecThreads.emplace_back(fn);
+        vecPending.clear();
     }
     // Every worker's fault, in the order started.
     std::vector<std::string> Wait() {
+        Go();
         for (std::thread& t : vecThreads)
             t.join();
         vecThreads.clear();
-        vecObjects.clear();
         for (size_t n = 0; n < vecPids.size(); ++n)
             if (const int rc = WaitChild(vecPids[n]))
                 deqFaults[n] = "exit " + std::to_string(rc) + ", see standard error";
@@ -262,6 +268,7 @@ private:
     bool bThreads;
     std::deque<std::string> deqFaults; // stays in place while threads write it
     std::vector<std::unique_ptr<CWorkMessages>> vecObjects;
+    std::vector<std::function<void()>> vecPending;
     std::vector<std::thread> vecThreads;
     std::vector<pid_t> vecPids;
 };
@@ -362,9 +369,15 @@ protected:
         const std::string stop = root + "/stop";
         auto file = [&](const char* kind, int n) { return root + kind + std::to_string(n); };
         Crew churn(bThreads), work(bThreads);
-        churn.Start([&](CWorkMessages&) -> std::string {
+#if defined(__SANITIZE_THREAD__)
+        const bool bFresh = !bThreads; // no object made in a thread (see Crew)
+#else
+        const bool bFresh = true;
+#endif
+        churn.Start([&](CWorkMessages& own) -> std::string {
             for (int n = 0; n < 160 || !FileExists(stop); ++n) {
-                CWorkMessages o;
+                std::unique_ptr<CWorkMessages> fresh(bFresh ? new CWorkMessages : nullptr);
+                CWorkMessages& o = fresh ? *fresh : own;
                 const long rc = o.nLastError != 0 ? o.nLastError
                                 : n < 160 ? o.SetInput(501 + n / 4, kTypes[n % 4], nullptr, false)
                                           : o.TargetActive(501, -1);
@@ -392,6 +405,8 @@ protected:
                 }
                 return ReceiveMany(o, file("/recv.", j), 401 + j, expected[j], 2, "");
             });
+        churn.Go();
+        work.Go();
         std::vector<std::string> faults = work.Wait();
         WriteFile(stop, "");
         faults.push_back(churn.Wait().at(0));
