@@ -83,10 +83,8 @@ void KillAndWait(pid_t& pid) {
 
 bool MakeHost(Host* h, const std::string& strParent, const std::string& strName, int nPort,
               const char* szNames, const char* szUIDs) {
-    h->strName = strName;
-    h->strRoot = strParent + "/" + strName;
-    h->strDb = h->strRoot + "/Dev/data/msgq";
-    h->strConfig = h->strRoot + "/gdda.conf";
+    const std::string strRoot = strParent + "/" + strName;
+    *h = Host{strName, strRoot, strRoot + "/gdda.conf", strRoot + "/Dev/data/msgq"};
     const std::string strAppconf = h->strRoot + "/Dev/control/appconf";
     for (const std::string& d : {strAppconf, h->strDb, h->strRoot + "/Dev/data/rmsgq"})
         std::filesystem::create_directories(d);
@@ -143,8 +141,9 @@ void StopHost(Host* h) {
 int Wait(pid_t pid) {
     int status = 0;
     if (waitpid(pid, &status, 0) != pid) return -1;
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    return WIFEXITED(status)     ? WEXITSTATUS(status)
+           : WIFSIGNALED(status) ? 128 + WTERMSIG(status)
+                                 : -1;
 }
 
 } // namespace bridgelab

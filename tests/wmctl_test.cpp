@@ -3,7 +3,6 @@
 // exit code (0 done, 1 the library's failure, 2 usage) and output each must
 // give. A library object of the test process (Hold) keeps the shared state
 // alive between commands, as the host's own processes do.
-#include <glob.h>
 #include <pthread.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -19,30 +18,25 @@ namespace {
 using namespace wmtest;
 
 struct Outcome {
-    int rc = -1;
+    int rc;
     std::string out, err;
+};
+struct Step {
+    std::string cmd;
+    int rc;
+    std::string parts = "", in = "";
 };
 
 // parts: '|'-separated texts each in stdout or stderr; "=text": stdout is
 // exactly text; "!text": neither holds text.
-struct Step {
-    std::string cmd;
-    int rc;
-    std::string parts = "";
-    std::string in = "";
-};
-
 ::testing::AssertionResult Ran(const Outcome& r, int rc, const std::string& parts) {
     bool ok = r.rc == rc;
     std::istringstream in(parts);
-    for (std::string p; std::getline(in, p, '|');) {
-        const std::string rest = p.substr(p.empty() ? 0 : 1);
-        if (!p.empty() && p[0] == '=')
-            ok = ok && r.out == rest;
-        else if (!p.empty() && p[0] == '!')
-            ok = ok && !Contains(r.out, rest) && !Contains(r.err, rest);
-        else
-            ok = ok && (Contains(r.out, p) || Contains(r.err, p));
+    for (std::string p; std::getline(in, p, '|') && !p.empty();) {
+        const std::string rest = p.substr(1), both = r.out + "\n" + r.err;
+        ok = ok && (p[0] == '='   ? r.out == rest
+                    : p[0] == '!' ? !Contains(both, rest)
+                                  : Contains(both, p));
     }
     if (ok) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "exit " << r.rc << "\n" << r.out << "\n" << r.err;
@@ -51,15 +45,14 @@ struct Step {
 class WmctlTest : public WmTest {
 protected:
     // Runs wmctl with the words of cmdline (no shell quoting needed), stdin
-    // from `in`, in cwd if given.
+    // from `in`, in cwd.
     Outcome Wmctl(const std::string& cmdline, const std::string& in = "",
-                  const std::string& cwd = "") {
+                  const std::string& cwd = ".") {
         const std::string io = root + "/io.";
         WriteFile(io + "in", in);
         const char* dir = getenv("QV_WM_BINARY_DIR"); // set by CTest; else run from build/tests
-        const std::string tool = std::string(dir ? dir : "..") + "/tools/wmctl";
         const int status =
-            system(("cd " + (cwd.empty() ? "." : cwd) + " && " + Emulator() + " " + tool + " " +
+            system(("cd " + cwd + " && " + Emulator() + " " + (dir ? dir : "..") + "/tools/wmctl " +
                     cmdline + " <" + io + "in >" + io + "out 2>" + io + "err")
                        .c_str());
         Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : 128, ReadFile(io + "out"),
@@ -79,47 +72,28 @@ protected:
     std::unique_ptr<CWorkMessages> holder;
 };
 
-// Usage errors exit 2 with a reason; help (the manual page's source) exits 0.
-TEST_F(WmctlTest, UsageErrorsExitTwoAndHelpZero) {
-    EXPECT_TRUE(Ran(Wmctl("fsck --help"), 0, "Usage:|--repair"));
-    for (const std::string& args : std::vector<std::string>{
-             "", "frobnicate", "send PROCA PROCB", "send PROCA PROCB ORDER data --file x",
-             "delete 0xZZ", "delete 12345678901", "recv PROCB --wait soon",
-             "recv PROCB --type-range 1:2:3", "retry 5 --flags 256", "deleteby",
-             "deleteby --all --type ORDER", "count --by colour", "dump a b",
-             "fsck " + dbDir + " --slot 1", "recv PROCB --type-range ALERT:ORDER"}) {
-        const Outcome r = Wmctl(args);
-        EXPECT_TRUE(r.rc == 2 && !r.err.empty()) << args << ": " << r.rc << r.err;
-    }
-}
-
 TEST_F(WmctlTest, SendReceiveDeleteKeepDataExactAndFailWithTheLibrarysText) {
     ASSERT_TRUE(Hold());
     // Zero bytes at the end: the received length is the sent one, not the block's.
     const std::string binary = std::string("\xff\x00\x01 binary", 9) + std::string(20, '\0');
     WriteFile(root + "/in.bin", binary);
-    WriteFile(root + "/keep.txt", "keep");
-    // Failures queue nothing, and a failed receive leaves its output file alone.
-    Steps({{"send PROCA PROCX ORDER x", 1, "UID for PROCX was not found|M_NAME"},
-           {"send PROCA PROCB BOGUS x", 1, "WorkMsg 'BOGUS' is not valid"},
-           {"send PROCA PROCB 99", 1, "no message type has the number 99"},
+    // Failures queue nothing; usage errors exit 2, help (the manual page's source) 0.
+    Steps({{"fsck --help", 0, "Usage:|--repair"},
+           {"frobnicate", 2, "--help"},
+           {"delete 12345678901", 2, "is not a message ID|--help"},
+           {"deleteby --all --type ORDER", 2, "--help"},
+           {"send PROCA PROCX ORDER x", 1, "UID for PROCX was not found|M_NAME"},
            {"send PROCA PROCB ORDER -f -", 1, "8193 bytes", std::string(8193, 'x')},
            {"recv NOBODY", 1, "WorkMsg object:"},
            {"send PROCA PROCB ORDER hello", 0, "not active|message 0x40000000"},
-           {"send PROCA 102 2 -f " + root + "/in.bin", 0},
-           {"send PROCA PROCB REPORT -f - --json", 0,
-            "\"message_id_hex\": \"0x40000002\"|\"target_active\": false", "from stdin"},
+           {"send PROCA 102 2 -f " + root + "/in.bin --json", 0,
+            "\"message_id_hex\": \"0x40000001\"|\"target_active\": false"},
            {"recv PROCB ORDER", 0, "received message 0x40000000: ORDER from PROCA (101)|=hello"},
            {"recv PROCB --out " + root + "/out.bin", 0},
-           {"recv PROCB --json", 0,
-            "\"type_name\": \"REPORT\"|\"sender_name\": \"PROCA\"|\"data\": \"from stdin\""},
-           {"recv PROCB --wait 1 -o " + root + "/keep.txt", 1, "M_TIMEOUT"},
            {"delete 0x40000000 --as PROCB", 0},
            {"delete 0x40000000", 1, "Message ID 40000000 not found"},
-           {"delete 1073741825", 0},
            {"status --json", 0, "\"registry\": []"}}); // recv registered only while it ran
     EXPECT_EQ(ReadFile(root + "/out.bin"), binary);
-    EXPECT_EQ(ReadFile(root + "/keep.txt"), "keep");
 }
 
 TEST_F(WmctlTest, ReceiveOrderRangeRetryRejectPriorityAndCounts) {
@@ -132,50 +106,25 @@ TEST_F(WmctlTest, ReceiveOrderRangeRetryRejectPriorityAndCounts) {
            {"send PROCA PROCB INVOICE urgent --high", 0, "sent message 0x00000003"},
            {"send PROCB PROCC INVOICE", 0},
            {"count --by type order 2", 0, "ORDER         1|INVOICE       2"},
-           {"count --by sender PROCB", 0, "PROCB         1"},
            {"recv PROCB --type-range REPORT:", 0, "=REPORT"},
            {"recv PROCB --type-range :1", 0, "=ORDER"},
            {"recv PROCB --lifo", 0, "=ALERT"},
            {"recv PROCB", 0, "=urgent|received message 0x00000003"},
-           {"count --by type-state --json", 0, "\"received\": 1|\"pending\": 1"},
            // Retried: only a retry receive sees it, with the flags.
            {"retry 0x00000003 --flags 7 --as PROCB", 0},
            {"recv PROCB --wait 0", 1},
            {"recv PROCB --retry --json", 0, "\"user_flags\": 7"},
-           {"recv PROCB --retry", 1, "M_NONE"},
            {"reject 0x00000003 --as PROCB", 0},
-           {"reject 0x00000003 --as PROCB", 1, "not found"},
            {"deleteby --target PROCC --type INVOICE", 0, "deleted 1 message(s)"},
-           {"deleteby --age 1", 0, "deleted 0"},
            {"deleteby --all", 0, "deleted 3 message(s)"},
            {"count --json", 0, "\"free\": 512"}});
-    // The reject file is named after the process and the type.
-    glob_t files{};
-    ASSERT_EQ(glob((rejectDir + "/*").c_str(), 0, nullptr, &files), 0);
-    ASSERT_EQ(files.gl_pathc, 1u);
-    EXPECT_TRUE(Contains(files.gl_pathv[0], rejectDir + "/PROCB.INVOICE.")) << files.gl_pathv[0];
-    EXPECT_EQ(ReadFile(files.gl_pathv[0]).substr(0, 6), "urgent");
-    globfree(&files);
-}
-
-TEST_F(WmctlTest, RegisterStaysUntilUnregistered) {
-    // With no other process, the entry goes with the shared state: say so.
-    Steps({{"register PROCB ORDER", 0, "no other process is attached"}});
-    ASSERT_TRUE(Hold());
-    Steps({{"register PROCB ORDER --lifo", 0},
-           {"register PROCB INVOICE", 0},
-           {"register PROCB BOGUS", 1, "WorkMsg object:"},
-           {"status --json", 0, "\"type_name\": \"ORDER\"|\"pid_alive\": false|\"lifo\": true"},
-           {"send PROCA PROCB ORDER --json", 0, "\"target_active\": true|!warning"},
-           {"unregister PROCB ORDER", 0, "removed 1 registration"},
-           {"unregister PROCB ORDER", 1, "M_NOTACT"},
-           {"unregister PROCB", 0, "removed 1 registration"},
-           {"status", 0, "Receivers (0 of 128 entries in use)"}});
 }
 
 // Status and metrics read a lock whose owner died without taking it.
 TEST_F(WmctlTest, StatusNeedsNoLockAndNamesADeadOwner) {
-    Steps({{"status", 0, "No Controls segment"}, {"status --json", 0, "\"controls\": null"}});
+    // With no other process, a registration goes with the shared state: say so.
+    Steps({{"status --json", 0, "\"controls\": null"},
+           {"register PROCB ORDER", 0, "no other process is attached"}});
     ASSERT_TRUE(Hold());
     Steps({{"status", 0, "Controls lock: free|Control slots: 512|!missing"}});
     ASSERT_EQ(RunChild([] {
@@ -202,6 +151,8 @@ TEST_F(WmctlTest, MetricsParseAndMatchTheState) {
     steps.push_back({"send PROCB PROCC INVOICE -f " + root + "/in.bin", 0});
     steps.push_back({"recv PROCC INVOICE --json", 0, "\"data\": \"\\u00ff\\u0001\\\"\\n\""});
     steps.push_back({"metrics -o " + root + "/wm.prom", 0});
+    steps.push_back({"unregister PROCC", 0, "removed 1 registration"});
+    steps.push_back({"unregister PROCC ORDER", 1, "M_NOTACT"});
     Steps(steps);
     WriteFile(root + "/parse.py",
               "import sys\n"
@@ -227,20 +178,20 @@ TEST_F(WmctlTest, MetricsParseAndMatchTheState) {
         EXPECT_TRUE(Contains(samples, std::string("\n") + sample + "\n")) << sample << samples;
 }
 
+// A process that dies attached leaves all six segments behind; ipc-clean
+// removes them, never while a process is attached.
 TEST_F(WmctlTest, IpcCleanRemovesOnlyUnattachedSegments) {
-    Steps({{"ipc-clean", 0, "no segment"}});
     ASSERT_TRUE(Hold());
     Steps({{"ipc-clean", 1, "in use; nothing removed"}});
     holder.reset();
-    // A process that dies attached leaves all six segments behind.
-    ASSERT_EQ(RunChild([] {
+    ASSERT_EQ(RunChild([]() -> int {
                   CWorkMessages wm;
                   _exit(wm.nLastError == 0 ? 0 : 1);
-                  return 1;
               }),
               0);
-    EXPECT_GE(SegmentId(CWorkMessages::cstWMQueuesSHMKey), 0);
-    Steps({{"status", 0, "No process is attached"}, {"ipc-clean", 0}});
+    Steps({{"status", 0, "No process is attached"},
+           {"ipc-clean", 0},
+           {"ipc-clean", 0, "no segment"}});
     for (int key = 1048; key <= 1053; ++key)
         EXPECT_LT(SegmentId(key), 0) << key;
 }
@@ -256,9 +207,7 @@ TEST_F(WmctlTest, DumpDecodesFilesAndReportsDamage) {
         {{"dump " + dbDir, 0,
           "header: 512 slots, next message ID 0x40000002|3 records stored, 2 in use|slot 0: "
           "pending, ID 0x40000000|slot 2: received, ID 0x40000001|1 data slots in use: 0|!problem"},
-         {"dump --slot 0", 0, "68 65 6c 6c 6f|hello"}, // WM_DBPath
-         {"dump " + dbDir + " --slot 9", 0},           // free, inside the table
-         {"dump " + dbDir + " --slot 512", 1}});
+         {"dump --slot 0", 0, "68 65 6c 6c 6f|hello"}}); // WM_DBPath
     const std::string cf =
         ControlFileImage(512, 0x40000006, {SlotRecord(WQCF_Pending, 0x40000005, 70000, 9000)});
     WriteFile(wqcfFile, cf + cf.substr(64, 20));
@@ -267,9 +216,6 @@ TEST_F(WmctlTest, DumpDecodesFilesAndReportsDamage) {
            {"dump " + dbDir + " --slot 0", 0, "out of range"}});
     WriteFile(wqcfFile, "short");
     Steps({{"dump " + dbDir + " --json", 0, "ends inside its header (5 of 64 bytes)"}});
-    unlink(wqcfFile.c_str());
-    unlink(wddfFile.c_str());
-    Steps({{"dump " + dbDir, 1}, {"dump " + root + "/nowhere", 1}});
 }
 
 // One pending message in data slot 0; data slot 5 marked in use, unreferenced.
@@ -290,7 +236,6 @@ TEST_F(WmctlTest, FsckRepairsALeakedDataSlot) {
     Steps({{"fsck " + dbDir + " --repair", 0, "-- repaired"}});
     const std::string data = ReadFile(wddfFile);
     EXPECT_TRUE(DataSlotMarked(data, 0) && !DataSlotMarked(data, 5) && DataBlockZero(data, 5));
-    EXPECT_EQ(data.substr(8192, 5), "hello");
     EXPECT_TRUE(ReadFile(wqcfFile) == controlBefore);
     Steps({{"fsck", 0, "fsck " + dbDir + ":|clean"}, {"recv PROCB", 0, "=hello"}}); // WM_DBPath
 }
@@ -331,7 +276,6 @@ TEST_F(WmctlTest, FsckFindsImpossibleSlotsDuplicatesAndABadHeader) {
 TEST_F(WmctlTest, FsckRepairMendsEveryRecordTheLoaderSendsItTo) {
     const int32_t first = 0x40000000, next = first + 9;
     for (const std::string& img : {
-             ControlFileImage(-1, next),
              ControlFileImage(0x7FFFFFFF, next),
              ControlFileImage(512, next, {SlotRecord(9, first)}),
              ControlFileImage(512, next, {SlotRecord(WQCF_Pending, 0)}),
