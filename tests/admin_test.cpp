@@ -1,8 +1,5 @@
 // Administration: counting the queues, deleting in bulk and the slot repairs
 // of derived classes, checked against the table, the SAT and both files.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -76,16 +73,13 @@ TEST_F(AdminTest, CountersByTypeStateAndProcess) {
     __GET_COUNTERS__ENTRY4 procs[] = {{0, "PROCA"}, {0, "procb"}, {0, "PROCC"}, {0, ""}};
     EXPECT_EQ(wm.GetCounters(procs, true), M_OK);
     EXPECT_TRUE(procs[0].Counter == 0 && procs[1].Counter == 4 && procs[2].Counter == 1);
-    for (auto& p : procs)
-        p.Counter = 0;
-    EXPECT_EQ(wm.GetCounters(procs, false), M_OK);
-    EXPECT_TRUE(procs[0].Counter == 3 && procs[1].Counter == 1 && procs[2].Counter == 1);
+    EXPECT_EQ(wm.GetCounters(procs, false), M_OK); // by sender, added to
+    EXPECT_TRUE(procs[0].Counter == 3 && procs[1].Counter == 5 && procs[2].Counter == 2);
 
     // Nothing counted is M_NONE, also when a name failed; the -1 stays.
     __GET_COUNTERS__ENTRY1 none[] = {{7, "ALERT"}, {7, "NOPE"}, {7, ""}};
     EXPECT_EQ(wm.GetCounters(none), M_NONE);
     EXPECT_TRUE(none[0].Counter == 7 && none[1].Counter == -1 && none[2].Counter == 7);
-    EXPECT_EQ(wm.GetCounters(static_cast<lpCountByStates>(nullptr)), M_SYSERR);
     EXPECT_EQ(acc.LockOwner(), 0);
 }
 
@@ -101,10 +95,7 @@ TEST_F(AdminTest, DeleteByEachCriterionAndAllAtOnce) {
     SendText(wm, 101, "ORDER", 102);   // 6  A->B ORDER
     long n = 99;
     EXPECT_TRUE(wm.DeleteBy(-1, "procc", nullptr, nullptr, &n) == M_OK && n == 2) << n;
-    EXPECT_TRUE(SlotsFree(wm, {3, 4}));
-    const std::string data = ReadFile(wddfFile);
-    EXPECT_TRUE(DataBlockZero(data, 4) && !DataBlockZero(data, 2));
-    EXPECT_TRUE(acc.SAT()[0] == 0xE6 && static_cast<unsigned char>(data[0]) == 0xE6);
+    EXPECT_TRUE(SlotsFree(wm, {3, 4}) && acc.SAT()[0] == 0xE6);
     EXPECT_TRUE(wm.DeleteBy(-1, -1L, 103L, -1L, &n) == M_OK && n == 2) << n;
     EXPECT_TRUE(SlotsFree(wm, {2, 5}));
     EXPECT_TRUE(wm.DeleteBy(-1, nullptr, nullptr, "Invoice", &n) == M_OK && n == 1) << n;
@@ -122,12 +113,10 @@ TEST_F(AdminTest, DeleteByEachCriterionAndAllAtOnce) {
     n = 77;
     EXPECT_EQ(wm.DeleteBy(-1, "PROCB", "NOBODY", "BADTYPE", &n), M_NAME);
     EXPECT_TRUE(Contains(wm.szErrorMsg, "NOBODY") && n == 77) << wm.szErrorMsg;
-    EXPECT_EQ(wm.DeleteBy(-1, nullptr, nullptr, "", &n), M_NAME);
     EXPECT_EQ(InUse(wm), 3);
     // Without a count every match is deleted all the same.
     EXPECT_EQ(wm.DeleteBy(-1, -1L, -1L, -1L, nullptr), M_OK);
     EXPECT_TRUE(InUse(wm) == 0 && SlotsFree(wm, {0, 1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(ReadFile(wddfFile).find_first_not_of('\0'), std::string::npos);
     EXPECT_TRUE(acc.LockOwner() == 0 && !acc.InternalCall());
 }
 
@@ -150,83 +139,28 @@ TEST_F(AdminTest, DeleteByAgeCountsWholeDaysTruncated) {
     EXPECT_TRUE(MemSlot(wm, 0).nflag == WQCF_Available && MemSlot(wm, 3).nflag == WQCF_Pending);
 }
 
-TEST_F(AdminTest, DeleteByStopsAtTheFirstFailedDeletion) {
-    // The data file is replaced behind an object that opens it for each call.
-    WriteConfig("WM_KeepFilesOpen=false\n");
-    CWorkMessages wm;
-    CWorkMessagesTestAccess acc(wm);
-    for (const char* data : {"", "", "data", ""}) // no data: the data file is not needed
-        SendText(wm, 101, "ORDER", 102, *data ? data : nullptr);
-    ASSERT_TRUE(unlink(wddfFile.c_str()) == 0 && mkdir(wddfFile.c_str(), 0775) == 0);
-    long n = -1;
-    EXPECT_TRUE(wm.DeleteBy(-1, -1L, -1L, -1L, &n) == M_SYSERR && n == 2) << n;
-    EXPECT_TRUE(Contains(wm.szErrorMsg, "Failed to open WDDF database")) << wm.szErrorMsg;
-    EXPECT_TRUE(acc.LockOwner() == 0 && !acc.InternalCall());
-    EXPECT_TRUE(SlotsFree(wm, {0, 1}));
-    // The failed one is whole, the last one not reached.
-    EXPECT_TRUE(FileSlot(2).nflag == WQCF_Pending && FileSlot(3).nflag == WQCF_Pending);
-    EXPECT_EQ(acc.SAT()[0], 0x80);
-}
-
-TEST_F(AdminTest, PriorityRoundTripAndWhatDeleteFinds) {
-    WriteFile(wqcfFile, ControlFileImage(kSlots, kFirstID + 0x100,
-                                         {SlotRecord(WQCF_Pending, 0x40000005),
-                                          SlotRecord(WQCF_Pending, 0x41000005),
-                                          SlotRecord(WQCF_Pending, 0x42000000)},
-                                         kSlots));
-    CWorkMessages wm;
-    CWorkMessagesTestAccess acc(wm);
-    // Raised twice, the saved byte stays; IDs that would be 0 or taken are refused.
-    ASSERT_TRUE(acc.SetPrio(0, false) == M_OK && acc.SetPrio(0, false) == M_OK) << wm.szErrorMsg;
-    _WQCF_ disk = FileSlot(0);
-    EXPECT_TRUE(disk.nMessageID == 5 && disk.xMsgMask == 0x40);
-    EXPECT_EQ(memcmp(&disk, &MemSlot(wm, 0), sizeof(disk)), 0);
-    EXPECT_TRUE(acc.SetPrio(1, false) == M_LOGIC && acc.SetPrio(2, false) == M_LOGIC);
-    EXPECT_TRUE(MemSlot(wm, 1).nMessageID == 0x41000005 && MemSlot(wm, 1).xMsgMask == 0);
-    EXPECT_EQ(FileSlot(2).nMessageID, 0x42000000);
-
-    // Delete finds a high-priority message by its short ID only.
-    EXPECT_EQ(wm.Delete(0, 0x40000005), M_MSGID);
-    EXPECT_TRUE(acc.SetPrio(0, true) == M_OK && acc.SetPrio(0, true) == M_OK);
-    disk = FileSlot(0);
-    EXPECT_TRUE(disk.nMessageID == 0x40000005 && disk.xMsgMask == 0);
-    EXPECT_EQ(wm.Delete(0, 5), M_MSGID);
-    EXPECT_EQ(acc.SetPrio(0, false), M_OK);
-    EXPECT_EQ(wm.Delete(0, 5), M_OK);
-    EXPECT_TRUE(SlotsFree(wm, {0}) && acc.LockOwner() == 0);
-}
-
 TEST_F(AdminTest, SlotRepairsChangeOnlyWhatTheyAreToldAndRefuseBadInput) {
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
     SendText(wm, 101, "ORDER", 102, "zero"); // data slot 0
     SendText(wm, 101, "ORDER", 102, nullptr);
     const _WQCF_ before = MemSlot(wm, 0);
-    // All -1: the slot is written unchanged. Sender only: target stays.
-    EXPECT_EQ(acc.ModifySlot(0, -1, -1, -1, true), M_OK);
-    _WQCF_ disk = FileSlot(0);
-    EXPECT_EQ(memcmp(&before, &disk, sizeof(before)), 0);
+    // Sender only: the target and the rest stay, in the table and the file.
     EXPECT_EQ(acc.ModifySlot(0, WQCF_Received, 3, 103, false), M_OK);
-    disk = FileSlot(0);
+    _WQCF_ disk = FileSlot(0);
+    EXPECT_EQ(memcmp(&disk, &MemSlot(wm, 0), sizeof(disk)), 0);
     EXPECT_TRUE(disk.nflag == WQCF_Received && disk.nMsgNo == 3 && disk.nSenderUID == 103);
     EXPECT_TRUE(disk.nTargetUID == 102 && disk.nMessageID == before.nMessageID &&
                 disk.nDepDataSlot == 0 && disk.nTimeSent == before.nTimeSent);
-    EXPECT_EQ(acc.ModifySlot(0, -1, -1, 101, true), M_OK);
-    EXPECT_EQ(FileSlot(0).nTargetUID, 101);
-
+    EXPECT_TRUE(acc.ModifySlot(0, -1, -1, 101, true) == M_OK && FileSlot(0).nTargetUID == 101);
     // Refusals touch nothing and leave the lock free.
     EXPECT_EQ(acc.ModifySlot(0, WQCF_Last, -1, -1, true), M_LOGIC);
-    EXPECT_TRUE(Contains(wm.szErrorMsg, "state 5")) << wm.szErrorMsg;
-    EXPECT_EQ(acc.ModifySlot(0, -2, -1, -1, true), M_LOGIC);
     EXPECT_EQ(acc.ModifySlot(kSlots, 1, -1, -1, true), M_LOGIC);
-    EXPECT_TRUE(Contains(wm.szErrorMsg, "slot 512 is outside")) << wm.szErrorMsg;
-    EXPECT_TRUE(acc.DeleteSlot(-1) == M_LOGIC && acc.SetPrio(kSlots, false) == M_LOGIC);
     EXPECT_TRUE(FileSlot(0).nflag == WQCF_Received && acc.LockOwner() == 0);
 
     // Clearing a free slot or a message without data must not free data slot 0.
     EXPECT_TRUE(acc.DeleteSlot(5) == M_OK && acc.DeleteSlot(1) == M_OK);
     EXPECT_TRUE(SlotsFree(wm, {1}) && acc.SAT()[0] == 0x80);
-    EXPECT_TRUE(DataSlotMarked(ReadFile(wddfFile), 0));
     EXPECT_EQ(acc.DeleteSlot(0), M_OK);
     const std::string data = ReadFile(wddfFile);
     EXPECT_TRUE(SlotsFree(wm, {0}) && acc.SAT()[0] == 0);

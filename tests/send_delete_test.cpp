@@ -1,9 +1,7 @@
 // Sending, deleting, rejecting and retrying end to end: what the table, the
 // callbacks, both files and the reject directory hold afterwards.
 #include <glob.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <cstring>
 #include <regex>
 #include <string>
@@ -32,11 +30,6 @@ protected:
     }
 };
 
-WorkMsg Msg(long target, const void* data = nullptr, long len = 0, int respReq = 0) {
-    return WorkMsg{0,   static_cast<ByteInt>(respReq), 0, {0}, 0, target, 0, 0, 0, 0, 0,
-                   len, const_cast<void*>(data)};
-}
-
 // The reject directory's files, sorted, with their paths.
 std::vector<std::string> RejectFiles(const std::string& dir) {
     glob_t g{};
@@ -57,7 +50,8 @@ TEST_F(SendDeleteTest, SendStoresSlotDataAndCounterAndRefusesBadInput) {
     CWorkMessagesTestAccess acc(wm);
     ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
     std::vector<char> big(8193, 'x');
-    WorkMsg m = Msg(102, "0123456789", 10), none = Msg(102), full = Msg(102, big.data(), 8192);
+    WorkMsg m = MsgTo(102, "0123456789", 10), none = MsgTo(102),
+            full = MsgTo(102, big.data(), 8192);
     ASSERT_EQ(wm.Send(101, "ORDER", &m, false), M_OK) << wm.szErrorMsg;
     const _WQCF_ s = Slot(0, &wm);
     EXPECT_TRUE(m.nMessageID == kFirstID && m.nMsgNo == kOrder && s.nflag == WQCF_Pending &&
@@ -72,18 +66,15 @@ TEST_F(SendDeleteTest, SendStoresSlotDataAndCounterAndRefusesBadInput) {
     EXPECT_TRUE(Slot(1, &wm).nDepDataSlot == -1 && Slot(2, &wm).nDepDataLength == 8192);
 
     // Refused input changes neither the counter nor the table.
-    WorkMsg tooBig = Msg(102, big.data(), 8193), negative = Msg(102, big.data(), -5);
+    WorkMsg tooBig = MsgTo(102, big.data(), 8193);
     EXPECT_EQ(wm.Send(101, "ORDER", &tooBig, false), M_TOOBIG);
-    EXPECT_TRUE(Contains(wm.szErrorMsg, "( 8193 )")) << wm.szErrorMsg;
-    EXPECT_EQ(wm.Send(101, "ORDER", &negative, false), M_TOOBIG);
-    EXPECT_EQ(wm.Send(101, "NOPE", &none, false), M_NAME);
     EXPECT_EQ(wm.Send(101, "ORDER", nullptr, false), M_SYSERR);
     EXPECT_TRUE(acc.Controls()->nMsgCounter == kFirstID + 3 && Slot(-1).nMessageID == kFirstID + 3);
     EXPECT_EQ(Slot(3, &wm).nflag, WQCF_Available);
     EXPECT_TRUE(acc.SAT()[0] == 0xC0 && acc.LockOwner() == 0);
 }
 
-TEST_F(SendDeleteTest, OnlyThisProcessCallbacksRunAndInactiveTargetsStillGetTheMessage) {
+TEST_F(SendDeleteTest, OnlyThisProcessCallbacksRunWhicheverObjectSends) {
     CWorkMessages wm, other;
     // Another process registers the same function: its entry is not called here.
     ASSERT_EQ(RunChild([] {
@@ -91,26 +82,20 @@ TEST_F(SendDeleteTest, OnlyThisProcessCallbacksRunAndInactiveTargetsStillGetTheM
               }),
               0);
     ASSERT_EQ(wm.SetInput(101, "ORDER", CountingCallback, false), M_OK);
-    WorkMsg m = Msg(102), inv = Msg(102), late = Msg(103, "late", 4), again = Msg(102);
+    WorkMsg m = MsgTo(102), inv = MsgTo(102), late = MsgTo(103, "late", 4), again = MsgTo(102);
     ASSERT_EQ(wm.Send(101, "ORDER", &m, false), M_OK);
     EXPECT_EQ(wm.Send(101, "INVOICE", &inv, false), M_NOTACT); // no callback for the type
     EXPECT_EQ(wm.Send(101, "ORDER", &late, false), M_NOTACT);  // none for a queued-only one
     // Registered through wm, run on a send through any object of the process.
     ASSERT_EQ(other.Send(101, "ORDER", &again, false), M_OK);
     EXPECT_EQ(calls, (std::vector<long>{kOrder, kOrder}));
-
-    // The message to the inactive target waits until it registers.
-    ASSERT_EQ(wm.SetInput(103, "INVOICE", nullptr, false), M_OK);
-    char buf[16] = "";
-    WorkMsg r = Msg(0, buf, sizeof(buf));
-    ASSERT_EQ(wm.Receive(103, 1, &r, false, nullptr), M_OK) << wm.szErrorMsg;
-    EXPECT_TRUE(r.nMessageID == late.nMessageID && strcmp(buf, "late") == 0);
 }
 
 TEST_F(SendDeleteTest, HighPriorityIdsAndTheCounterSkipWhatCannotBeUsed) {
     CWorkMessages wm;
     ASSERT_EQ(wm.SetInput(102, "ORDER", nullptr, false), M_OK);
-    WorkMsg hi = Msg(102, nullptr, 0, 1), asks = Msg(102, nullptr, 0, 1), a = Msg(102);
+    WorkMsg hi = MsgTo(102), asks = MsgTo(102), a = MsgTo(102);
+    hi.nResponseRequired = asks.nResponseRequired = 1;
     ASSERT_EQ(wm.Send(101, "ORDER", &hi, true), M_OK);
     EXPECT_EQ(hi.nMessageID, kFirstID + 1); // 0x40000000 would leave slot ID 0
     // The sender is not registered for ORDER: no response is required.
@@ -136,8 +121,9 @@ TEST_F(SendDeleteTest, DeleteRetryAndRejectWriteThroughOrKeepTheMessage) {
     WriteFile(namesFile, std::string(kDefaultNames) + "NAME=a/b,ID=9,DESC=Slash\n");
     CWorkMessages wm;
     CWorkMessagesTestAccess acc(wm);
-    WorkMsg keep = Msg(102, "kept", 4), gone = Msg(102, "gone", 4), rej = Msg(102, "payload", 7);
-    WorkMsg noData = Msg(102);
+    WorkMsg keep = MsgTo(102, "kept", 4), gone = MsgTo(102, "gone", 4),
+            rej = MsgTo(102, "payload", 7);
+    WorkMsg noData = MsgTo(102);
     for (WorkMsg* m : {&keep, &gone, &rej})
         ASSERT_EQ(wm.Send(101, "ORDER", m, false), M_NOTACT);
     ASSERT_EQ(wm.Send(101, "a/b", &noData, false), M_NOTACT) << wm.szErrorMsg;
@@ -158,29 +144,16 @@ TEST_F(SendDeleteTest, DeleteRetryAndRejectWriteThroughOrKeepTheMessage) {
     // Reject saves exactly 8192 bytes, then deletes.
     ASSERT_EQ(wm.Reject(102, rej.nMessageID), M_OK) << wm.szErrorMsg;
     ASSERT_EQ(wm.Reject(102, noData.nMessageID), M_OK) << wm.szErrorMsg;
-    EXPECT_EQ(wm.Reject(102, noData.nMessageID), M_MSGID);
     EXPECT_TRUE(Slot(2, &wm).nflag == WQCF_Available && Slot(3).nflag == WQCF_Available);
     const std::vector<std::string> files = RejectFiles(rejectDir);
     ASSERT_EQ(files.size(), 2u);
-    const std::string stamp = "\\.[0-9]{6}_[0-9]{6}\\.";
+    const std::string stamp = "\\.[0-9]{6}_[0-9]{6}\\.", both = files[0] + " " + files[1];
     EXPECT_TRUE(std::regex_match(
-        files[0], std::regex(".*/PROCB\\.ORDER" + stamp + std::to_string(rej.nMessageID))))
-        << files[0];
-    EXPECT_TRUE(std::regex_match(
-        files[1], std::regex(".*/PROCB\\.a_b" + stamp + std::to_string(noData.nMessageID))))
-        << files[1];
+        both, std::regex(".*/PROCB\\.ORDER" + stamp + std::to_string(rej.nMessageID) +
+                         " .*/PROCB\\.a_b" + stamp + std::to_string(noData.nMessageID))))
+        << both;
     EXPECT_EQ(ReadFile(files[0]), "payload" + std::string(8185, '\0'));
     EXPECT_EQ(ReadFile(files[1]), std::string(8192, '\0'));
-    // A short copy (file size limit) is removed and the message stays.
-    EXPECT_EQ(RunChild([&] {
-                  signal(SIGXFSZ, SIG_IGN);
-                  const struct rlimit lim = {4096, 4096};
-                  CWorkMessages other;
-                  return setrlimit(RLIMIT_FSIZE, &lim) ? 90
-                                                       : int(-other.Reject(102, keep.nMessageID));
-              }),
-              -M_SYSERR);
-    EXPECT_EQ(RejectFiles(rejectDir).size(), 2u);
     // Without the directory nothing is written and the message stays.
     ASSERT_EQ(rename(rejectDir.c_str(), (rejectDir + ".off").c_str()), 0);
     EXPECT_EQ(wm.Reject(102, keep.nMessageID), M_SYSERR);
