@@ -15,6 +15,14 @@ namespace {
 const long kFirstID = 0x40000000L;
 const long kSlots = 512; // slots of a new control file
 
+// Messages by state: every slot of the table, whatever the row held before.
+std::vector<long> ByState(CWorkMessages& wm) {
+    __GET_COUNTERS__ENTRY2 row;
+    memset(&row, 0x55, sizeof(row));
+    EXPECT_EQ(wm.GetCounters(&row), M_OK);
+    return std::vector<long>(row.Counter, row.Counter + 5);
+}
+
 class AdminTest : public WmTest {
 protected:
     _WQCF_ FileSlot(long slot) { return ImageSlot(ReadFile(wqcfFile), slot); }
@@ -32,18 +40,8 @@ protected:
         EXPECT_EQ(acc.GetPointers(), M_OK);
         return acc.Queues()[slot];
     }
+    static long InUse(CWorkMessages& wm) { return kSlots - ByState(wm)[0]; }
 };
-
-// Messages by state: every slot of the table, whatever the row held before.
-std::vector<long> ByState(CWorkMessages& wm) {
-    __GET_COUNTERS__ENTRY2 row;
-    memset(&row, 0x55, sizeof(row));
-    EXPECT_EQ(wm.GetCounters(&row), M_OK);
-    return std::vector<long>(row.Counter, row.Counter + 5);
-}
-long InUse(CWorkMessages& wm) {
-    return kSlots - ByState(wm)[0];
-}
 
 TEST_F(AdminTest, CountersByTypeStateAndProcess) {
     CWorkMessages wm;

@@ -30,15 +30,6 @@ protected:
     }
 };
 
-// The reject directory's files, sorted, with their paths.
-std::vector<std::string> RejectFiles(const std::string& dir) {
-    glob_t g{};
-    glob((dir + "/*").c_str(), 0, nullptr, &g);
-    std::vector<std::string> names(g.gl_pathv, g.gl_pathv + g.gl_pathc);
-    globfree(&g);
-    return names;
-}
-
 std::vector<long> calls; // arguments CountingCallback was called with in this process
 long CountingCallback(long n) {
     calls.push_back(n);
@@ -145,7 +136,10 @@ TEST_F(SendDeleteTest, DeleteRetryAndRejectWriteThroughOrKeepTheMessage) {
     ASSERT_EQ(wm.Reject(102, rej.nMessageID), M_OK) << wm.szErrorMsg;
     ASSERT_EQ(wm.Reject(102, noData.nMessageID), M_OK) << wm.szErrorMsg;
     EXPECT_TRUE(Slot(2, &wm).nflag == WQCF_Available && Slot(3).nflag == WQCF_Available);
-    const std::vector<std::string> files = RejectFiles(rejectDir);
+    glob_t g{}; // the reject directory's files, sorted
+    ASSERT_EQ(glob((rejectDir + "/*").c_str(), 0, nullptr, &g), 0);
+    const std::vector<std::string> files(g.gl_pathv, g.gl_pathv + g.gl_pathc);
+    globfree(&g);
     ASSERT_EQ(files.size(), 2u);
     const std::string stamp = "\\.[0-9]{6}_[0-9]{6}\\.", both = files[0] + " " + files[1];
     EXPECT_TRUE(std::regex_match(
