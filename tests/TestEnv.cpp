@@ -133,7 +133,7 @@ bool SegmentInfo(int key, size_t* size, long* nattch) {
     return true;
 }
 
-void RemoveSegments() {
+static void RemoveSegments() { // the library's six keys
     for (int key = 1048; key <= 1053; ++key)
         shmctl(SegmentId(key), IPC_RMID, nullptr); // -1 when none: EINVAL, nothing done
 }
