@@ -194,7 +194,7 @@ void WmTest::SetUp() {
     std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/qvwm.XXXXXX";
     ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
     root = tmpl;
-    levelDir = root + "/Dev";
+    const std::string levelDir = root + "/Dev";
     appconfDir = levelDir + "/control/appconf";
     namesFile = appconfDir + "/WorkMsg.ini";
     uidsFile = appconfDir + "/ProcessUID.ini";

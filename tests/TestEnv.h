@@ -78,11 +78,11 @@ protected:
     // QV_WM_TEST_FASTPATH WM_FastPath=true, then the devExtra lines.
     void WriteConfig(const std::string& devExtra = "", bool withDbPath = true);
 
-    // root (Root=) holds gdda.conf (configFile) and Dev (levelDir), which holds
+    // root (Root=) holds gdda.conf (configFile) and Dev, which holds
     // control/appconf (appconfDir: namesFile WorkMsg.ini, uidsFile
     // ProcessUID.ini), data/msgq (dbDir: wqcfFile WQCF.bdb, wddfFile WDDF.bdb)
     // and data/rmsgq (rejectDir).
-    std::string root, levelDir, appconfDir, namesFile, uidsFile;
+    std::string root, appconfDir, namesFile, uidsFile;
     std::string dbDir, rejectDir, configFile, wqcfFile, wddfFile;
 };
 
