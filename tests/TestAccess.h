@@ -42,7 +42,6 @@ public:
     bool GetConstructorLock(long wait) { return o._GetConstructorLock(wait); }
     bool GetControlsLock(long wait) { return o._GetControlsLock(wait); }
     void FreeControlsLock(bool complain) { o._FreeControlsLock(complain); }
-    void Unlock() { o._Unlock(); }
     pid_t LockOwner() { return o._LockOwner(); }
     long WaitStep(long usecs, int32_t seenSeq) { return o._WaitStep(usecs, seenSeq); }
     int32_t WakeSeq() { return o._WakeSeq(); }

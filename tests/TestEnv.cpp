@@ -133,7 +133,7 @@ bool SegmentInfo(int key, size_t* size, long* nattch) {
     return true;
 }
 
-void RemoveSegments() {
+static void RemoveSegments() { // the library's six keys
     for (int key = 1048; key <= 1053; ++key)
         shmctl(SegmentId(key), IPC_RMID, nullptr); // -1 when none: EINVAL, nothing done
 }
@@ -194,7 +194,7 @@ void WmTest::SetUp() {
     std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/qvwm.XXXXXX";
     ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
     root = tmpl;
-    levelDir = root + "/Dev";
+    const std::string levelDir = root + "/Dev";
     appconfDir = levelDir + "/control/appconf";
     namesFile = appconfDir + "/WorkMsg.ini";
     uidsFile = appconfDir + "/ProcessUID.ini";

@@ -1,8 +1,5 @@
-// Test harness: every test gets its own temporary root with a configuration
-// file (GDDA_CONFIG), a names file, a process-UID file, a database directory
-// and a reject directory. The test main has already moved the process into
-// its own IPC namespace, so the fixed segment keys are private to the test
-// and to the children it forks.
+// Test harness: each test gets its own temporary root (configuration, directory
+// files, database) inside the test main's own IPC namespace.
 #ifndef WM_TEST_ENV_H
 #define WM_TEST_ENV_H
 
@@ -29,8 +26,7 @@ long FileSize(const std::string& path); // -1 when missing
 bool Contains(const std::string& text, const std::string& part);
 double Elapsed(std::chrono::steady_clock::time_point t0); // seconds since t0
 
-// Crafted database files, written before the first constructor.
-// A message record from PROCA (101) to PROCB (102) of type ORDER (1).
+// Crafted database files. A record from PROCA (101) to PROCB (102) of type ORDER (1).
 _WQCF_ SlotRecord(ByteInt state, int32_t id, int32_t dataSlot = -1, int32_t len = 0,
                   int32_t timeSent = 0);
 // A control file: the header (count slots, next message ID counter), then
@@ -47,17 +43,13 @@ bool DataBlockZero(const std::string& dataImage, long slot); // also when past t
 
 // A record for target with len bytes of data (Receive: buffer and capacity).
 WorkMsg MsgTo(long target, const void* data = nullptr, long len = 0);
-// Sends data of a type between two UIDs, expecting M_OK or M_NOTACT; returns
-// the message ID.
+// Sends data between two UIDs, expecting M_OK or M_NOTACT; returns the message ID.
 long SendText(CWorkMessages& wm, long from, const char* type, long to, const char* data = "data");
 
-void RemoveSegments();                                 // every segment of the library's six keys
 int SegmentId(int key);                                // shm ID under key, or -1
 bool SegmentInfo(int key, size_t* size, long* nattch); // false if no segment
 
-// The emulator that starts this build's programs (QV_WM_EMULATOR, set by
-// CTest when the i386 build runs emulated), or "" when they run natively.
-// A test that execs a program of the build puts it first.
+// QV_WM_EMULATOR (the i386 build run emulated) or "": put first when exec'ing.
 std::string Emulator();
 
 // Runs fn in a forked child; returns its exit code (or 128 + signal).
@@ -65,8 +57,7 @@ int RunChild(const std::function<int()>& fn);
 pid_t StartChild(const std::function<int()>& fn);
 int WaitChild(pid_t pid);
 
-// Captures what the process writes to standard error (the library's log)
-// between construction and Stop().
+// Captures standard error (the library's log) until Stop().
 class StderrCapture {
 public:
     StderrCapture();
@@ -83,17 +74,15 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Rewrites the configuration file. devExtra lines go into [Dev]
-    // (e.g. "WM_Trace=true\n"); the defaults are WM_Timeout_Secs=1 and
-    // WM_DBPath pointing at dbDir, and WM_FastPath=true when the variable
-    // QV_WM_TEST_FASTPATH is set (the suite's run with every opt-in on).
+    // Rewrites the configuration: WM_Timeout_Secs=1, WM_DBPath=dbDir, under
+    // QV_WM_TEST_FASTPATH WM_FastPath=true, then the devExtra lines.
     void WriteConfig(const std::string& devExtra = "", bool withDbPath = true);
 
-    // root (Root=) holds gdda.conf (configFile) and Dev (levelDir), which holds
+    // root (Root=) holds gdda.conf (configFile) and Dev, which holds
     // control/appconf (appconfDir: namesFile WorkMsg.ini, uidsFile
     // ProcessUID.ini), data/msgq (dbDir: wqcfFile WQCF.bdb, wddfFile WDDF.bdb)
     // and data/rmsgq (rejectDir).
-    std::string root, levelDir, appconfDir, namesFile, uidsFile;
+    std::string root, appconfDir, namesFile, uidsFile;
     std::string dbDir, rejectDir, configFile, wqcfFile, wddfFile;
 };
 

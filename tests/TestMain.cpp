@@ -6,21 +6,14 @@
 #include <sched.h>
 #include <sys/file.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 int main(int argc, char** argv) {
     if (unshare(CLONE_NEWIPC) != 0) {
-        fprintf(stderr,
-                "\n*** WARNING: unshare(CLONE_NEWIPC) failed: %s.\n"
-                "*** Tests share the host's segments and run one at a time.\n\n",
-                strerror(errno));
+        perror("\n*** WARNING: unshare(CLONE_NEWIPC) failed; tests share the host's segments "
+               "and run one at a time");
         const int fd = open("/tmp/qv_wm_tests.lock", O_CREAT | O_RDWR, 0666);
-        if (fd < 0 || flock(fd, LOCK_EX) != 0) {
-            fprintf(stderr, "*** cannot serialise tests either: %s\n", strerror(errno));
-            return 2;
-        }
+        if (fd < 0 || flock(fd, LOCK_EX) != 0) return perror("*** cannot serialise tests"), 2;
     }
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

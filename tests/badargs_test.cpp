@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <functional>
 
 #include "TestAccess.h"
 #include "TestEnv.h"
@@ -14,10 +13,6 @@ using namespace wmtest;
 namespace {
 
 class BadArgsTest : public WmTest {};
-
-long AsCode(const char* p) {
-    return static_cast<long>(reinterpret_cast<intptr_t>(p));
-}
 
 TEST_F(BadArgsTest, NonsenseGetsACodeAndChangesNothing) {
     {
@@ -38,20 +33,11 @@ TEST_F(BadArgsTest, NonsenseGetsACodeAndChangesNothing) {
             long code;
             bool text; // the code comes with a text
         } calls[] = {
-            {"receive for UID 0", [&] { return wm.Receive(0, 1, &any, false, nullptr); }, M_ILSEQ,
-             false},
             {"receive into no record", [&] { return wm.Receive(102, 1, nullptr, false, nullptr); },
              M_SYSERR, false},
             {"delete ID -1", [&] { return wm.Delete(102, -1); }, M_MSGID, true},
             {"delete a 64-bit ID", [&] { return wm.Delete(102, wide); }, M_MSGID, true},
-            {"reject ID -1", [&] { return wm.Reject(102, -1); }, M_MSGID, true},
-            {"retry ID -1", [&] { return wm.Retry(102, -1, false, 1); }, M_MSGID, true},
-            {"register an empty name", [&] { return wm.SetInput(102, "", nullptr, false); }, M_NAME,
-             true},
             {"send an empty name", [&] { return wm.Send(101, "", &other, false); }, M_NAME, true},
-            {"unregister process -1", [&] { return wm.UnsetInput(102, "ORDER", -1); }, M_NOTACT,
-             false},
-            {"is UID -1 active", [&] { return wm.TargetActive(-1, -1); }, M_NOTACT, false},
         };
         for (const auto& c : calls) {
             strcpy(wm.szErrorMsg, "");
@@ -78,30 +64,13 @@ TEST_F(BadArgsTest, NonsenseGetsACodeAndChangesNothing) {
         char buf[16];
         WorkMsg m = MsgTo(102, buf, sizeof(buf));
         long n = 0;
-        __GET_COUNTERS__ENTRY1 types[2] = {{0, "ORDER"}, {0, ""}};
-        __GET_COUNTERS__ENTRY2 states;
         __GET_COUNTERS__ENTRY3 both[2] = {{0, {}, "ORDER"}, {0, {}, ""}};
-        __GET_COUNTERS__ENTRY4 procs[2] = {{0, "PROCA"}, {0, ""}};
         const std::function<long()> ops[] = {
             [&] { return bad.Translate("ORDER"); },
-            [&] { return AsCode(bad.Translate(1, nullptr)); },
-            [&] { return bad.GetUID("PROCA", nullptr); },
-            [&] { return AsCode(bad.GetUID(101, nullptr)); },
-            [&] { return bad.SetInput(102, "ORDER", nullptr, false); },
-            [&] { return bad.UnsetInput(102, "ALLQ", 0); },
-            [&] { return bad.TargetActive(102, -1); },
             [&] { return bad.Send(101, "ORDER", &m, true); },
-            [&] { return bad.Receive(102, 1, &m, false, nullptr); },
             [&] { return bad.ReceiveByMsg(102, 1, &m, 1, 4, true, nullptr); },
-            [&] { return bad.Delete(102, 0x40000000); },
-            [&] { return bad.Reject(102, 0x40000000); },
-            [&] { return bad.Retry(102, 0x40000000, true, 0); },
-            [&] { return bad.DeleteBy(-1, -1L, -1L, -1L, &n); },
             [&] { return bad.DeleteBy(-1, nullptr, nullptr, nullptr, &n); },
-            [&] { return bad.GetCounters(types); },
-            [&] { return bad.GetCounters(&states); },
             [&] { return bad.GetCounters(both); },
-            [&] { return bad.GetCounters(procs, true); },
         };
         for (const auto& op : ops)
             EXPECT_LT(op(), 0) << "operation " << &op - ops << " of failed object " << k;
