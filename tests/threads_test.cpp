@@ -7,14 +7,11 @@ namespace {
 using wmtest::StressTest;
 
 TEST_F(StressTest, ThreadsWithAnObjectEachExchangeEveryMessageExactlyOnce) {
-    // The user-mode emulator keeps 32 shared-memory attachments per process
-    // in its books; past that every attach leaks guest address space until
-    // shmat fails. Ten objects in one process hold far more than 32.
     if (!wmtest::Emulator().empty())
-        GTEST_SKIP() << "skipped under the emulator: ten objects in one process exceed its "
+        GTEST_SKIP() << "skipped under the emulator: nine objects in one process exceed its "
                         "32 shared-memory attachments per process";
 #if defined(__SANITIZE_THREAD__)
-    // Every access is several times slower; a tenth still grows both tables.
+    // Every access is several times slower; a tenth still grows the control table.
     fprintf(stderr, "[   NOTE   ] sized for the thread sanitizer: 500 messages per sender\n");
     Exchange(true, 500);
 #else
