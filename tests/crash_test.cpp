@@ -219,7 +219,7 @@ TEST_F(CrashTest, WithARobustLockKillsInsideItLoseAndDuplicateNothing) {
 TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {
     auto wm = std::make_unique<CWorkMessages>();
     ASSERT_EQ(wm->nLastError, 0) << wm->szErrorMsg;
-    // Sender 301: seq 0 received by 402, 1 (high) pending for 402, 2 for 401.
+    // Sender 301: seq 1 (high) received by 402, 0 pending for 402, 2 for 401.
     const Planned plan[] = {
         {402, "ORDER", 300, false}, {402, "REPORT", kBlock, true}, {401, "ALERT", 16, false}};
     ASSERT_EQ(SendMany(*wm, root + "/log.301", 301, 0, 3, "", [&](int32_t k) { return plan[k]; }),
@@ -254,12 +254,12 @@ TEST_F(CrashTest, AllKilledOneInsideTheLockThenTheNextProcessReloadsTheFiles) {
         return out;
     };
     EXPECT_EQ(bySeq(*std::make_unique<CWorkMessages>(true)),
-              (States{{0, WQCF_Received}, {1, WQCF_Pending}, {2, WQCF_Pending}}));
+              (States{{0, WQCF_Pending}, {1, WQCF_Received}, {2, WQCF_Pending}}));
     const pid_t pidAgain = StartParked([] { return ReceiveInsideTheLock(401, true); }, &held);
     ASSERT_EQ(held, "lock");
     Kill(pidAgain);
     CWorkMessages clean;
-    EXPECT_EQ(bySeq(clean), (States{{1, WQCF_Pending}, {2, WQCF_Pending}})) << clean.szErrorMsg;
+    EXPECT_EQ(bySeq(clean), (States{{0, WQCF_Pending}, {2, WQCF_Pending}})) << clean.szErrorMsg;
 }
 
 // With the key: a receiver dies inside the lock, then holders die amid a
