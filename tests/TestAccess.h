@@ -60,7 +60,6 @@ public:
     }
     pByteInt ReadWDDF(int slot) { return o._ReadWDDF(slot); }
     _PRL_CTL_* SearchPRL(long uid, long msgno) { return o._SearchPRL(uid, msgno); }
-    _PRL_CTL_* SearchPRLByType(long msgno) { return o._SearchPRL(msgno); }
     long KnownRequest(long uid, long id, pid_t pid) { return o._KnownRequest(uid, id, pid); }
     long SearchMSGID(long id) { return o._SearchMSGID(id); }
 
@@ -69,7 +68,6 @@ public:
     long ModifySlot(long slot, long state, long id, long uid, bool target) {
         return o.__ModifySlot(slot, state, id, uid, target);
     }
-    long SetPrio(long slot, bool resetHigh) { return o.__SetPrio(slot, resetHigh); }
 
 private:
     CWorkMessages& o;
